@@ -1,0 +1,33 @@
+/*
+ * ctx.h -- the default ZeroMQ context, shared by all threads of the process.
+ */
+#ifndef PARVO_CTX_H
+#define PARVO_CTX_H
+
+#include <tcl.h>
+
+/*
+ * The default context, created when there is none.  Returns null after a failure,
+ * with an error ("ZMQ" "CTX" "DEFAULT") left in interp.  Takes no lock when the
+ * context is there.
+ */
+void* pv_ctx_default_new(Tcl_Interp* interp);
+
+/*
+ * A thread exit handler; its argument is ignored.  Terminates the context unless a
+ * socket is counted; standard error then tells that sockets are left.  Holds the
+ * lock for the whole termination, 100 ms and more.
+ */
+void pv_ctx_default_destroy(ClientData unused);
+
+/*
+ * The default context with one more socket counted: the caller owes one call of
+ * pv_ctx_default_for_socket_destroy.  Returns null after a failure, with an error
+ * ("ZMQ" "CTX" "DEFAULT") left in interp and nothing counted.
+ */
+void* pv_ctx_default_for_socket_new(Tcl_Interp* interp);
+
+/* Counts one socket less; its argument is ignored.  Never ends the context. */
+void pv_ctx_default_for_socket_destroy(ClientData unused);
+
+#endif

@@ -1,0 +1,40 @@
+/*
+ * debugging.h -- the debug log: one process-wide record, one line per call.
+ *
+ * The record has no lock.  Any thread may change it while others write lines.
+ */
+#ifndef PARVO_DEBUGGING_H
+#define PARVO_DEBUGGING_H
+
+/*
+ * Set the worker and the node name of every later line.  The text is copied; null
+ * leaves the name as it is.  The process stops when the copy cannot be made.
+ */
+void debugging_worker(const char* name);
+void debugging_node(const char* name);
+
+/*
+ * Sets the file that every later line is appended to.  The path is copied.  With
+ * null, or when the copy fails, lines go to standard error.
+ */
+void debugging_file(const char* path);
+
+/* Switch the log on and off. */
+void debugging_on();
+void debugging_off();
+
+/* Tells whether debug lines are wanted; every caller of log_output asks first. */
+bool debugging();
+
+/* Forgets file, node and worker and switches the log off. */
+void debugging_reset();
+
+/*
+ * Writes one line, whether or not the log is on.  fn: the calling function's name.
+ * fmt and what follows: the message, as printf takes them.  A log file that cannot
+ * be opened is no error: the line goes to standard error.
+ */
+void log_output(const char* fn, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+
+#endif

@@ -1,0 +1,181 @@
+/*
+ * parvo.cpp -- the entry point and the utility commands.
+ *
+ * The part has no state of its own: the context belongs to ctx.cpp, the debug
+ * settings to debugging.cpp.
+ */
+#include "parvo.h"
+
+#include "ctx.h"
+#include "debugging.h"
+#include "poll.h"
+#include "reactor_command.h"
+#include "socket.h"
+#include "tclsupport.h"
+#include "utils.h"
+
+#include <string.h>
+#include <zmq.h>
+
+#define PACKAGE_NAME "zmq"
+#define PACKAGE_VERSION "0.5"
+#define BUILD_STRING                                                                   \
+    PACKAGE_NAME " " PACKAGE_VERSION " built " __DATE__ " " __TIME__                   \
+                 " on " PARVO_BUILD_HOST
+
+namespace {
+
+struct DebugWord {
+    const char* word;         // subcommand of ::zmq::debug
+    void (*set)(const char*); // what takes its value
+};
+
+constexpr DebugWord debug_words[] = {
+    {"worker", debugging_worker},
+    {"node", debugging_node},
+    {"file", debugging_file},
+    {nullptr, nullptr},
+};
+
+constexpr bool has_percent(const char* text) {
+    for (; *text != '\0'; text++) {
+        if (*text == '%') {
+            return true;
+        }
+    }
+    return false;
+}
+static_assert(!has_percent(BUILD_STRING), "the build string is used as a format");
+
+int wrong_arguments(Tcl_Interp* interp, Tcl_Obj* const objv[]) {
+    Tcl_WrongNumArgs(interp, 1, objv, nullptr);
+    return TCL_ERROR;
+}
+
+/* ::zmq::build */
+int ParvoBuildCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
+                  Tcl_Obj* const objv[]) {
+    if (objc != 1) {
+        return wrong_arguments(interp, objv);
+    }
+    Tcl_SetObjResult(interp, Tcl_ObjPrintf(BUILD_STRING));
+    return TCL_OK;
+}
+
+/* ::zmq::version */
+int ParvoVersionCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
+                    Tcl_Obj* const objv[]) {
+    int major;
+    int minor;
+    int patch;
+    if (objc != 1) {
+        return wrong_arguments(interp, objv);
+    }
+    zmq_version(&major, &minor, &patch);
+    Tcl_SetObjResult(interp, Tcl_ObjPrintf("%d.%d.%d", major, minor, patch));
+    return TCL_OK;
+}
+
+/*
+ * ::zmq::debug
+ * ::zmq::debug boolean ?word?
+ * ::zmq::debug worker|node|file value
+ */
+int ParvoDebugCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
+                  Tcl_Obj* const objv[]) {
+    int on;
+    int index;
+    if (objc > 3) {
+        return wrong_arguments(interp, objv);
+    }
+    if (objc == 1) {
+        Tcl_SetObjResult(interp, Tcl_NewIntObj(debugging() ? 1 : 0));
+        return TCL_OK;
+    }
+    if (Tcl_GetBooleanFromObj(nullptr, objv[1], &on) == TCL_OK) {
+        on != 0 ? debugging_on() : debugging_off();
+        return TCL_OK;
+    }
+    if (Tcl_GetIndexFromObjStruct(interp, objv[1], debug_words, sizeof(DebugWord),
+                                  "subcommand", 0, &index) != TCL_OK) {
+        return TCL_ERROR;
+    }
+    if (objc != 3) {
+        return wrong_arguments(interp, objv);
+    }
+    debug_words[index].set(Tcl_GetString(objv[2]));
+    return TCL_OK;
+}
+
+/* ::qel::timestamp */
+int ParvoTimestampCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
+                      Tcl_Obj* const objv[]) {
+    char now[64];
+    if (objc != 1) {
+        return wrong_arguments(interp, objv);
+    }
+    timestamp(now, sizeof now);
+    Tcl_Obj* text = Tcl_NewStringObj(now, static_cast<int>(strlen(now)));
+    if (text == nullptr) {
+        return fail(interp, "failed to allocate Tcl string", "QEL", "TIMESTAMP");
+    }
+    Tcl_SetObjResult(interp, text);
+    return TCL_OK;
+}
+
+/*
+ * Runs once for each load in the exiting thread; the second run finds no context
+ * left to terminate.
+ */
+void pv_exit_handler(ClientData clientData) {
+    const char* fn = "pv_exit_handler";
+    if (debugging()) {
+        log_output(fn, "thread exit handler to destroy default ctx");
+    }
+    pv_ctx_default_destroy(clientData);
+    if (debugging()) {
+        log_output(fn, "thread exit handler: done");
+    }
+    debugging_reset();
+}
+
+int pv_init_ctx(Tcl_Interp* interp) {
+    if (pv_ctx_default_new(interp) == nullptr) {
+        return fail(interp, "failed to create default ctx", "ZMQ", "INIT", "CTX");
+    }
+    Tcl_CreateThreadExitHandler(pv_exit_handler, nullptr);
+    return TCL_OK;
+}
+
+int pv_commands_install(Tcl_Interp* interp) {
+    static constexpr struct {
+        const char* name;
+        Tcl_ObjCmdProc* proc;
+    } commands[] = {
+        {"::zmq::build", ParvoBuildCmd},         {"::zmq::version", ParvoVersionCmd},
+        {"::zmq::socket", ParvoSocketCmd},       {"::zmq::poll", ParvoPollCmd},
+        {"::zmq::debug", ParvoDebugCmd},         {"::qel::reactor", ParvoReactorCmd},
+        {"::qel::timestamp", ParvoTimestampCmd},
+    };
+    for (const auto& command : commands) {
+        Tcl_CreateObjCommand(interp, command.name, command.proc, nullptr, nullptr);
+    }
+    return TCL_OK;
+}
+
+} // namespace
+
+int Parvo_Init(Tcl_Interp* interp) {
+    if (interp == nullptr) {
+        return TCL_ERROR;
+    }
+    if (Tcl_InitStubs(interp, "8.5", 0) == nullptr) {
+        return TCL_ERROR;
+    }
+    if (pv_init_ctx(interp) != TCL_OK) {
+        return TCL_ERROR;
+    }
+    pv_commands_install(interp);
+    Tcl_PkgProvideEx(interp, PACKAGE_NAME, PACKAGE_VERSION, nullptr);
+    return TCL_OK;
+}

@@ -1,0 +1,32 @@
+/*
+ * reactor_bgerror.h -- background errors of the reactor's scripts.
+ */
+#ifndef PARVO_REACTOR_BGERROR_H
+#define PARVO_REACTOR_BGERROR_H
+
+#include <tcl.h>
+
+/*
+ * The calling thread's background-error store.  Without an interpreter (null): the
+ * store if it is set up and its interpreter still evaluates scripts, else null.  With
+ * one: set up for it when there is none, which defines the procedures of the default
+ * handler there; null with an error ("QEL" "REACTOR" "BGERROR" ...) left in interp
+ * after a failure.
+ */
+void* pv_bgerror(Tcl_Interp* interp);
+
+/* The subcommand bgerror; objv holds all words of the reactor command. */
+int pv_cmd_bgerror(ClientData unused, Tcl_Interp* interp, int objc,
+                   Tcl_Obj* const objv[]);
+
+/*
+ * Reports a script that returned code, any but TCL_OK, while the interpreter's result
+ * and return options still describe the failure: to the handler, or to standard error
+ * when there is none or it fails.  Leaves the interpreter's result empty.
+ */
+void pv_bgerror_code(int code);
+
+/* Reports a failure without a script, formatted as printf does. */
+void pv_bgerror_msg(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+#endif

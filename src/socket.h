@@ -1,0 +1,56 @@
+/*
+ * socket.h -- the per-thread socket registry and the command ::zmq::socket.
+ *
+ * The registry is where a Tcl word is recognised as a socket: poll and the reactor
+ * take a name that it does not know as the name of a channel.
+ */
+#ifndef PARVO_SOCKET_H
+#define PARVO_SOCKET_H
+
+#include <tcl.h>
+
+struct PVSockData;
+
+/* Command procedure of ::zmq::socket; no client data. */
+int ParvoSocketCmd(ClientData unused, Tcl_Interp* interp, int objc,
+                   Tcl_Obj* const objv[]);
+
+/*
+ * The ZeroMQ socket of the socket command that name resolves to in interp, or null
+ * when name is no socket command of this thread.  Leaves no error, unless the
+ * thread's registry cannot be had.
+ */
+void* pv_socket_get(Tcl_Interp* interp, const char* name);
+
+/*
+ * The record of the socket command that name resolves to in interp.  Any command's
+ * client data would be returned: callers ask pv_socket_get first.  Returns null
+ * with an error ("ZMQ" "SOCKET" "DATA" name) when there is no such command.
+ */
+PVSockData* pv_socket_data(Tcl_Interp* interp, const char* name);
+
+/* The record's ZeroMQ socket, null once it is closed. */
+void* pv_socket_from_data(const PVSockData* d);
+
+/*
+ * A new object, without a reference, that holds the full name of the socket's
+ * command as it is now.  The name is read in the command's own interpreter: another
+ * one would take its global namespace for a foreign one.
+ */
+Tcl_Obj* pv_socket_name(Tcl_Interp* interp, const PVSockData* d);
+
+/* The record (null allowed) remembers reactor r, to be withdrawn from it on deletion.
+ */
+void pv_socket_register_with_reactor(PVSockData* d, void* r);
+
+/* The record (null allowed) forgets its reactor. */
+void pv_socket_unregister_from_reactor(PVSockData* d);
+
+/* Account one whole message of so many payload bytes; d is not null. */
+void pv_socket_sent_bytes(PVSockData* d, Tcl_WideInt bytes);
+void pv_socket_received_bytes(PVSockData* d, Tcl_WideInt bytes);
+
+/* The name of a ZeroMQ socket type, such as "PUB", or "UNKNOWN"; static text. */
+const char* pv_socket_type_name(int type);
+
+#endif

@@ -1,0 +1,35 @@
+/*
+ * socket_record.h -- the record of one socket, for the socket files alone.
+ * Everybody else takes it as opaque.
+ */
+#ifndef PARVO_SOCKET_RECORD_H
+#define PARVO_SOCKET_RECORD_H
+
+#include <tcl.h>
+
+/* Statistics of one direction; only whole messages count. */
+struct PVCounts {
+    Tcl_WideInt count = 0; // messages
+    Tcl_WideInt bytes = 0; // payload bytes
+};
+
+struct PVStats {
+    PVCounts sent;
+    PVCounts received;
+};
+
+/*
+ * Client data of the socket's object command, created with it and freed by its
+ * deletion procedure.
+ */
+struct PVSockData {
+    void* socket = nullptr;         // ZeroMQ socket, null once it is closed
+    char* name = nullptr;           // owned copy of the name given, for debug lines
+    Tcl_Command token = nullptr;    // the object command
+    Tcl_HashEntry* entry = nullptr; // entry in the thread's registry, or null
+    void* reactor = nullptr;        // reactor that holds a handler for it, or null
+    PVStats stats;                  // never reset
+    Tcl_Interp* interp = nullptr;   // interpreter of the object command
+};
+
+#endif
