@@ -26,7 +26,7 @@ struct {
     size_t sockets;         // sockets counted as using it
 } global;
 
-TCL_DECLARE_MUTEX(mutexForCtx)
+Tcl_Mutex mutexForCtx; // guards both fields
 
 /*
  * Creates the context if there is none; the lock is held.  Returns false after a

@@ -157,6 +157,7 @@ void log_output(const char* fn, const char* fmt, ...) {
     FILE* stream = log_file_stream_open();
     log_entry_prefix(stream, fn);
     va_start(args, fmt);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is not seen
     vfprintf(stream, fmt, args);
     va_end(args);
     fputc('\n', stream);

@@ -1,0 +1,90 @@
+# support.tcl -- what the test files share.  A test file sources this, runs its tests and
+# ends with "finish", which exits with 1 when a test failed or none ran.
+
+package require tcltest 2.3
+namespace import ::tcltest::test ::tcltest::makeFile ::tcltest::removeFile
+package require zmq
+
+set ::support(dir) [file normalize [file join [pwd] parvo-[pid]-[clock microseconds]]]
+set ::support(root) [file dirname [file dirname [file normalize [info script]]]]
+::tcltest::configure -verbose {body error} -tmpdir [file dirname $::support(dir)]
+
+# Runs a script and gives its message and error code.
+proc failure {script} {
+    if {[uplevel 1 [list catch $script ::support(message) ::support(options)]] != 1} {
+        error "no failure but: $::support(message)"
+    }
+    list $::support(message) [dict get $::support(options) -errorcode]
+}
+
+# Waits until a condition holds, with Tcl's events served meanwhile.
+proc wait_until {condition {ms 15000}} {
+    set end [expr {[clock milliseconds] + $ms}]
+    while {![uplevel 1 [list expr $condition]]} {
+        if {[clock milliseconds] > $end} {
+            error "gave up waiting for $condition"
+        }
+        after 5
+        update
+    }
+}
+
+# A scratch directory that goes with the process.
+proc scratch {args} {
+    file mkdir $::support(dir)
+    file join $::support(dir) {*}$args
+}
+
+# A socket bound to a free loopback port; the endpoint goes into a variable.
+proc bound {type endpointName} {
+    upvar 1 $endpointName endpoint
+    set s [::zmq::socket new $type]
+    $s bind tcp://127.0.0.1:*
+    set endpoint [$s configure -last_endpoint]
+    return $s
+}
+
+# Closes every socket of the thread.
+proc close_all {} {
+    foreach s [::zmq::socket names] {$s close}
+}
+
+# Runs a script in a tclsh of its own, with the package loaded; gives what it wrote to
+# standard output and error and its exit status, or the signal that ended it.
+proc child {script} {
+    set file [scratch child-[clock microseconds].tcl]
+    set f [open $file w]
+    fconfigure $f -encoding utf-8
+    puts $f "encoding system utf-8\npackage require zmq\n$script"
+    close $f
+    set status 0
+    if {[catch {exec -keepnewline [info nameofexecutable] $file 2>$file.err} out options]} {
+        set code [dict get $options -errorcode]
+        set status [lindex $code 2]
+        set out [regsub {\n?child (process exited abnormally|killed: [^\n]*)\n?$} $out {}]
+    }
+    set f [open $file.err]
+    set err [read $f]
+    close $f
+    file delete $file $file.err
+    list $out $err $status
+}
+
+# Evaluates a script in the reactor's interpreter and runs the loop until it is
+# stopped, or for ten seconds.
+proc react {script} {
+    set guard [::qel::reactor after 10000 {set ::support(late) 1; ::qel::reactor stop}]
+    unset -nocomplain ::support(late)
+    uplevel #0 $script
+    ::qel::reactor start
+    ::qel::reactor after cancel $guard
+    if {[info exists ::support(late)]} {error "the reactor was not stopped"}
+}
+
+proc finish {} {
+    set failed [expr {$::tcltest::numTests(Failed) > 0 || $::tcltest::numTests(Total) == 0}]
+    close_all
+    file delete -force $::support(dir)
+    ::tcltest::cleanupTests
+    exit $failed
+}

@@ -1,0 +1,134 @@
+/*
+ * unit.cpp -- what a script cannot reach: arithmetic on times at the ends of the range,
+ * the stores without an interpreter, and the reports of a thread without a store.
+ */
+#undef USE_TCL_STUBS // the tests call libtcl itself, the library under test its stubs
+
+#include "parvo.h"
+#include "reactor.h"
+#include "reactor_bgerror.h"
+#include "reactor_signal.h"
+#include "reactor_signal_catalogue.h"
+#include "reactor_timer.h"
+#include "reactor_timer_clock.h"
+
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <string>
+
+namespace {
+
+Tcl_Time at(long sec, long usec) {
+    Tcl_Time time;
+    time.sec = sec;
+    time.usec = usec;
+    return time;
+}
+
+/* An interpreter with the package, for tests that need the stubs. */
+Tcl_Interp* loaded() {
+    static Tcl_Interp* interp = [] {
+        Tcl_FindExecutable(nullptr);
+        Tcl_Interp* fresh = Tcl_CreateInterp();
+        EXPECT_EQ(Parvo_Init(fresh), TCL_OK) << Tcl_GetStringResult(fresh);
+        return fresh;
+    }();
+    return interp;
+}
+
+} // namespace
+
+TEST(Clock, DifferenceForTimeout) {
+    const struct {
+        Tcl_Time from;
+        Tcl_Time to;
+        long ms;
+    } rows[] = {
+        {at(10, 0), at(10, 400), 1},
+        {at(10, 0), at(10, 1999), 1},
+        {at(10, 0), at(10, 2000), 2},
+        {at(10, 999500), at(11, 0), 1},
+        {at(10, 0), at(11, 500), 1000},
+        {at(10, 0), at(10, 0), 0},
+        {at(11, 0), at(10, 999999), 0},
+        {at(0, 0), at(LONG_MAX / 1000 + 1, 0), LONG_MAX},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(diff_for_timeout(row.from, row.to), row.ms)
+            << row.from.sec << "." << row.from.usec << " to " << row.to.sec;
+    }
+}
+
+TEST(Clock, DueTime) {
+    const struct {
+        long ms;
+        Tcl_Time due;
+    } rows[] = {
+        {0, at(100, 500000)},
+        {499, at(100, 999000)},
+        {500, at(101, 0)},
+        {1499, at(101, 999000)},
+        {-1, at(100, 499000)},
+        {-501, at(99, 999000)},
+        {-1500, at(99, 0)},
+        {LONG_MAX, at(100 + LONG_MAX / 1000 + 1, 307000)},
+        {LONG_MIN, at(100 + LONG_MIN / 1000 - 1, 692000)},
+    };
+    for (const auto& row : rows) {
+        const Tcl_Time due = pv_clock_after(at(100, 500000), row.ms);
+        EXPECT_EQ(due.sec, row.due.sec) << row.ms;
+        EXPECT_EQ(due.usec, row.due.usec) << row.ms;
+    }
+    EXPECT_EQ(pv_clock_milliseconds(pv_clock_after(at(100, 500000), LONG_MAX)),
+              LONG_MAX);
+}
+
+TEST(Signals, NamesThatNoCommandShows) {
+    EXPECT_STREQ(signal_name(0), "invalid signal");
+    EXPECT_STREQ(signal_name(32), "invalid signal");
+    EXPECT_EQ(signal_to_int(""), -1);
+    EXPECT_EQ(signal_to_int("SIG"), -1);
+}
+
+TEST(Init, RefusesNoInterpreter) {
+    EXPECT_EQ(Parvo_Init(nullptr), TCL_ERROR);
+}
+
+TEST(Stores, NothingIsSetUpWithoutAnInterpreter) {
+    loaded();
+    EXPECT_EQ(pv_reactor(nullptr), nullptr);
+    EXPECT_EQ(pv_signal(nullptr, nullptr), nullptr);
+    EXPECT_EQ(pv_timer(nullptr), nullptr);
+    EXPECT_EQ(pv_bgerror(nullptr), nullptr);
+}
+
+TEST(Stores, ReportsWithoutAStoreGoToStandardError) {
+    loaded();
+    testing::internal::CaptureStderr();
+    pv_bgerror_code(TCL_BREAK);
+    pv_bgerror_msg("%s: %d%%", "percent", 5);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(text.find("-- pv_bgerror_code: failed to get bgerror instance for error "
+                        "code 3\n"),
+              0U)
+        << text;
+    EXPECT_NE(text.find("]:-:bgerror: percent: 5%"), std::string::npos) << text;
+    EXPECT_NE(text.back(), '\n');
+}
+
+TEST(Stores, OneSignalStoreAThread) {
+    Tcl_Interp* interp = loaded();
+    PVReactor* reactor = pv_reactor(interp);
+    ASSERT_NE(reactor, nullptr);
+    void* store = pv_signal(nullptr, nullptr);
+    EXPECT_EQ(pv_signal(interp, &reactor), store);
+    EXPECT_FALSE(pv_signal_fd(store, -1));
+    EXPECT_FALSE(pv_signal_fd(store, 0));
+    pv_reactor_unregister_socket(nullptr, store);
+    pv_event_unregister_fd(reactor, 12345, 1);
+    const int first = pv_event_register_fd(reactor, 12345, 1);
+    EXPECT_EQ(pv_event_register_fd(reactor, 12345, 1), first);
+    pv_event_unregister_fd(reactor, 12345, 2);
+    EXPECT_EQ(pv_event_register_fd(reactor, 12346, 1), first);
+    pv_event_unregister_fd(reactor, 12346, 1);
+}
