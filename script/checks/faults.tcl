@@ -1,0 +1,344 @@
+# faults.tcl -- makes the N-th call of each function that the library calls fail, for
+# N = 1, 2, ... until the command makes no further call, once and for good.
+#
+# After each failure: the exact message and code, or the documented silence; the same
+# descriptors and signal mask as before; and the same command then succeeds.
+
+load $::env(FAULT_LIBRARY) Fault
+set ::red 0
+set ::cases 0
+set ::work [file dirname $::env(FAULT_STDERR)]
+
+proc complain {what} {
+    puts "FAIL: $what"
+    incr ::red
+}
+
+proc expect {what got want} {
+    incr ::cases
+    if {$got ne $want} {complain "$what\n   got  $got\n   want $want"}
+}
+
+# What must be as before: open descriptors but for ZeroMQ's own, and the signal mask.
+proc process_state {} {
+    set f [open /proc/self/status]
+    regexp {SigBlk:\s*(\S+)} [read $f] -> mask
+    close $f
+    set kinds {}
+    foreach fd [glob -tails -directory /proc/self/fd *] {
+        if {![catch {file readlink /proc/self/fd/$fd} target] &&
+            ![string match *eventfd* $target] && ![string match *eventpoll* $target] &&
+            ![string match socket:* $target] && ![string match */proc/* $target]} {
+            lappend kinds [regsub {[0-9]+$} $target {}]
+        }
+    }
+    list mask $mask fds [lsort $kinds]
+}
+
+# Standard error goes to a file; gives what came since the last call, times taken out.
+proc stderr_news {} {
+    flush stderr
+    set f [open $::env(FAULT_STDERR)]
+    seek $f [expr {[info exists ::stderr_seen] ? $::stderr_seen : 0}]
+    set news [read $f]
+    set ::stderr_seen [tell $f]
+    close $f
+    regsub -all {\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}[+-]\d{4}} $news TIME
+}
+
+# Runs a command with the n-th call of a function failing; gives what came of it, and in
+# failures how often the function failed.
+proc run_armed {function n error forgood command failuresName} {
+    upvar 1 $failuresName failures
+    fault arm $function $n $error {*}[expr {$forgood ? "forgood" : ""}]
+    set code [catch {uplevel #0 $command} result options]
+    set failures [fault off]
+    if {$code == 1} {
+        return [list $result [dict get $options -errorcode]]
+    }
+    return ok
+}
+
+# One row.  wants: what each N leads to, a failure or "ok"; "*" stands for one want that
+# all N share.
+proc walk {name function error setup command cleanup wants modes} {
+    foreach forgood $modes {
+        for {set n 1} {1} {incr n} {
+            set what "$name: $function call $n fails with $error [expr {$forgood ? {for good} : {once}}]"
+            uplevel #0 $setup
+            set before [process_state]
+            set got [run_armed $function $n $error $forgood $command failures]
+            if {$failures == 0} {
+                uplevel #0 $cleanup
+                break
+            }
+            set shared [expr {[lindex $wants 0] eq "*"}]
+            expect $what $got [lindex $wants [expr {$shared ? 1 : $n - 1}]]
+            uplevel #0 $cleanup
+            uplevel #0 $setup
+            expect "$what: state" [process_state] $before
+            expect "$what: again" [run_armed none 1 0 0 $command failures] ok
+            uplevel #0 $cleanup
+        }
+        if {$n == 1} {complain "$name: $function is never called"}
+        if {[lindex $wants 0] ne "*" && $n - 1 != [llength $wants]} {
+            complain "$name: $function is called [expr {$n - 1}] times, not [llength $wants]"
+        }
+    }
+}
+
+# The load itself, before anything else is there.
+fault arm zmq_ctx_new 1 24
+expect load [list [catch {package require zmq} m o] $m [dict get $o -errorcode]] \
+    {1 {failed to create default ctx} {ZMQ INIT CTX}}
+fault off
+package require zmq
+package require Thread
+
+proc new_pair {} {
+    ::zmq::socket create pull PULL
+    pull bind inproc://fault[incr ::endpoint]
+    ::zmq::socket create push PUSH
+    push connect inproc://fault$::endpoint
+}
+proc close_pair {} {
+    foreach s {pull push} {catch {$s close}}
+}
+proc lose_context {} {
+    set t [thread::create -joinable {package require zmq; thread::wait}]
+    thread::release $t
+    thread::join $t
+}
+proc signals_default {args} {
+    foreach sig {USR1 USR2} {
+        ::qel::reactor signal default $sig
+    }
+    ::qel::reactor signal unblock {USR1 USR2}
+}
+proc remember {args} {lappend ::reported {*}$args}
+proc run_reactor {ms} {
+    ::qel::reactor after $ms {::qel::reactor stop}
+    ::qel::reactor start
+}
+::qel::reactor bgerror remember
+foreach signal [::qel::reactor signal ignore] {::qel::reactor signal default $signal}
+
+# The texts of error numbers: ZeroMQ's and Tcl's.
+set einval {22 {Invalid argument} {invalid argument}}
+lassign $einval EINVAL zmqInvalid tclInvalid
+
+set readable [dict keys [[::zmq::socket create s PAIR; set x s] configure]]
+s close
+set getAll {}
+foreach option $readable {
+    lappend getAll [list "failed to retrieve value for option \"$option\": $zmqInvalid" \
+        [list ZMQ SOCKET GET $option]]
+}
+proc numbered {format code {numbers {}}} {
+    if {$numbers eq ""} {for {set i 1} {$i < 32} {incr i} {lappend numbers $i}}
+    lmap n $numbers {list [format $format $n] $code}
+}
+proc one {message args} {list [list $message $args]}
+proc all {message args} {list * [list $message $args]}
+set ok {{} ok}
+
+set create {{} {::zmq::socket create s PUSH} {catch {s close}}}
+set recvWith {{new_pair; push send a bb ccc; push send next} {pull recv -nowait} close_pair}
+set configured {{::zmq::socket create s SUB} {s configure %s} {s close}}
+set trap {{::qel::reactor signal trap USR1 a} {::qel::reactor signal trap USR2 b} signals_default}
+set untrap {{::qel::reactor signal trap USR1 a; ::qel::reactor signal trap USR2 b}
+    {::qel::reactor signal default USR2} signals_default}
+proc command {command} {list {} $command {}}
+set usr2Set {failed to set handler for signal 12: invalid argument}
+set maskError "failed to set signal mask: $tclInvalid"
+set both {0 1}
+
+# name, function, error, {setup command cleanup}, wants, modes
+set rows [list \
+  create zmq_socket 24 $create [one {failed to create socket: Too many open files} ZMQ SOCKET CREATE] $both \
+  create zmq_setsockopt 22 $create [one {failed to set option "-linger": Invalid argument} ZMQ SOCKET DEFAULTS] $both \
+  create strdup 12 $create [one {failed to allocate data for socket} ZMQ SOCKET DATA ALLOC] $both \
+  create sigfillset 22 $create {ok} $both \
+  create pthread_sigmask 22 $create {ok ok} 0 \
+  create zmq_ctx_new 24 [list lose_context {::zmq::socket create s PUSH} {catch {s close}}] \
+      [one {failed to create default ctx} ZMQ CTX DEFAULT] $both \
+  close zmq_close 88 {{::zmq::socket create s PUSH} {s close} {}} {ok} $both]
+foreach {method done} {bind bind unbind unbind connect connect disconnect disconnect} {
+    set undo [dict get {unbind bind disconnect connect bind bind connect connect} $method]
+    set setup [expr {$undo eq $method ? "::zmq::socket create s PUSH"
+        : "::zmq::socket create s PUSH; s $undo ipc://$::work/ipc"}]
+    lappend rows $method zmq_$method 22 \
+        [list $setup "s $method ipc://$::work/ipc" {s close}] \
+        [one "failed to $method socket: Invalid argument" ZMQ SOCKET [string toupper $method]] $both
+}
+lappend rows \
+  send zmq_send 11 {new_pair {push send a bb ccc} close_pair} \
+      [all {send failed: Resource temporarily unavailable} ZMQ SOCKET SEND] $both \
+  recv zmq_msg_init 12 $recvWith [all {failed to initialize frame: Cannot allocate memory} ZMQ SOCKET RECV INIT] $both \
+  recv zmq_msg_recv 4 $recvWith [all {failed to receive frame: Interrupted system call} ZMQ SOCKET RECV FRAME] $both \
+  recv zmq_msg_size 0 $recvWith [all {failed to create byte array for frame} ZMQ SOCKET RECV BYTES] $both \
+  recv zmq_msg_close 14 $recvWith [all {failed to release frame} ZMQ SOCKET RECV CLOSE] $both \
+  recv zmq_getsockopt 22 $recvWith [all {failed to check for more frames: Invalid argument} ZMQ SOCKET RECV GETSOCKOPT] $both \
+  get-all zmq_getsockopt 22 {{::zmq::socket create s SUB} {s configure} {s close}} $getAll $both
+foreach {option value word} {-sndhwm 5 INT -maxmsgsize 9 I64 -affinity 1 U64 -subscribe x BIN -zap_domain z STR} {
+    lappend rows set zmq_setsockopt 22 \
+        [list {::zmq::socket create s SUB} "s configure $option $value" {s close}] \
+        [one "failed to set option \"$option\": Invalid argument" ZMQ SOCKET SET $word] $both
+}
+foreach {option} {-linger -affinity -maxmsgsize -identity -last_endpoint -type} {
+    lappend rows get zmq_getsockopt 22 \
+        [list {::zmq::socket create s SUB} "s configure $option" {s close}] \
+        [one "failed to retrieve value for option \"$option\": Invalid argument" ZMQ SOCKET GET $option] $both
+}
+set polled {{new_pair} {::zmq::poll pull stdin 0} close_pair}
+lappend rows \
+  poll zmq_poll 4 $polled [one {poll failed: Interrupted system call} ZMQ POLL] $both \
+  poll strdup 12 $polled [list {{failed to copy handle name "pull"} {ZMQ POLL HANDLE pull}} \
+      {{failed to copy handle name "stdin"} {ZMQ POLL HANDLE stdin}}] $both \
+  file strdup 12 [command {::zmq::debug file /tmp/x}] {ok} $both \
+  list-default sigemptyset 22 [command {::qel::reactor signal default}] \
+      [one {failed to empty sigset} QEL SIGNAL STATE GET] $both \
+  list-default sigaction 22 [command {::qel::reactor signal default}] \
+      [numbered {failed to query signal %d} {QEL SIGNAL STATE GET}] $both \
+  list-ignore sigaddset 22 {{::qel::reactor signal ignore USR2} {::qel::reactor signal ignore} signals_default} \
+      [all {failed to add signal 12} QEL SIGNAL STATE GET] 0 \
+  list-default sigismember 22 [command {::qel::reactor signal default}] \
+      [all {failed to build result list} QEL SIGNAL STATE GET] $both \
+  default sigaction 22 [command {::qel::reactor signal default USR2}] \
+      [one $usr2Set QEL SIGNAL DEFAULT SET] $both \
+  trap sigemptyset 22 $trap {{{failed to empty signal mask} {QEL SIGNAL FD MASK}} \
+      {{failed to empty sigset} {QEL SIGNAL BLOCK}}} $both \
+  trap sigismember 22 $trap [one {failed to check signal 12 against mask} QEL SIGNAL FD ADD] $both \
+  trap sigaddset 22 $trap {{{failed to add signal 10 to mask} {QEL SIGNAL FD MASK}} \
+      {{failed to add signal 12 in mask} {QEL SIGNAL FD ADD}} \
+      {{failed to add signal 12 to mask} {QEL SIGNAL BLOCK}}} $both \
+  trap pthread_sigmask 22 $trap [one $maskError QEL SIGNAL BLOCK] $both \
+  trap signalfd 24 $trap [one {failed signalfd: too many open files} QEL SIGNAL FD] $both \
+  first-trap signalfd 24 {{} {::qel::reactor signal trap USR2 b} signals_default} \
+      [one {failed signalfd: too many open files} QEL SIGNAL FD] $both \
+  untrap sigemptyset 22 $untrap {{{failed to empty signal mask} {QEL SIGNAL FD MASK}} \
+      {{failed to empty sigset} {QEL SIGNAL BLOCK}}} $both \
+  untrap sigaddset 22 $untrap {{{failed to add signal 10 to mask} {QEL SIGNAL FD MASK}} \
+      {{failed to add signal 12 to mask} {QEL SIGNAL FD MASK}} \
+      {{failed to add signal 12 to mask} {QEL SIGNAL BLOCK}}} $both \
+  untrap sigismember 22 $untrap [one {failed to check signal 12 against mask} QEL SIGNAL FD REMOVE] $both \
+  untrap sigdelset 22 $untrap [one {failed to remove signal 12 from mask} QEL SIGNAL FD REMOVE] $both \
+  untrap signalfd 22 $untrap [one {failed to remove signal 12 from mask: invalid argument} QEL SIGNAL FD REMOVE] $both \
+  untrap pthread_sigmask 22 $untrap [one $maskError QEL SIGNAL BLOCK] $both \
+  status sigemptyset 22 [command {::qel::reactor signal status}] [one {failed to empty sigset} QEL SIGNAL STATUS] $both \
+  status sigfillset 22 [command {::qel::reactor signal status}] [one {failed to fill sigset} QEL SIGNAL STATUS] $both \
+  status pthread_sigmask 22 [command {::qel::reactor signal status}] [one {failed to query signal mask} QEL SIGNAL STATUS] $both \
+  status sigpending 14 [command {::qel::reactor signal status}] [one {failed to query pending signals} QEL SIGNAL STATUS] $both \
+  status sigaction 22 [command {::qel::reactor signal status}] \
+      [numbered {failed to query action for signal %d} {QEL SIGNAL STATE}] $both \
+  status sigaddset 22 [command {::qel::reactor signal status USR2}] \
+      [one {failed to add "USR2" to set} QEL SIGNAL PARSE LIST] $both \
+  status-hup sigismember 22 [command {::qel::reactor signal status HUP}] \
+      [list {{failed to check signal SIGHUP} {QEL SIGNAL STATUS}} \
+      {{failed to query blocked status for signal 1} {QEL SIGNAL STATUS BLOCKED}} \
+      {{failed to query pending status for signal 1} {QEL SIGNAL STATUS PENDING}} \
+      {*}[lmap s {SIGINT SIGQUIT SIGILL SIGTRAP SIGABRT SIGBUS SIGFPE SIGKILL SIGUSR1 SIGSEGV SIGUSR2
+          SIGPIPE SIGALRM SIGTERM SIGSTKFLT SIGCHLD SIGCONT SIGSTOP SIGTSTP SIGTTIN SIGTTOU SIGURG
+          SIGXCPU SIGXFSZ SIGVTALRM SIGPROF SIGWINCH SIGIO SIGPWR SIGSYS} {
+          list "failed to check signal $s" {QEL SIGNAL STATUS}}]] $both
+foreach {sub} {block unblock} {
+    set done {{} {::qel::reactor signal %s {USR1 USR2}} signals_default}
+    set done [lmap part $done {format $part $sub}]
+    lappend rows \
+        $sub sigemptyset 22 $done [one {failed to empty signal set} QEL SIGNAL [string toupper $sub]] $both \
+        $sub pthread_sigmask 22 $done [one $maskError QEL SIGNAL BLOCK] $both \
+        $sub sigaddset 22 $done {{{failed to add "USR1" to set} {QEL SIGNAL PARSE LIST}} \
+            {{failed to add "USR2" to set} {QEL SIGNAL PARSE LIST}}} $both
+}
+lappend rows unblock sigismember 22 [command {::qel::reactor signal unblock {}}] \
+    [numbered {failed to check signal %d against mask} {QEL SIGNAL TRAPPED}] $both
+
+foreach {name function error scenario wants modes} $rows {
+    walk $name $function $error {*}$scenario $wants $modes
+}
+
+# A message that could not be given whole is discarded whole.
+foreach function {zmq_msg_init zmq_msg_recv zmq_msg_size zmq_msg_close zmq_getsockopt} {
+    foreach n {2 3} {
+        new_pair
+        push send a bb ccc
+        push send next
+        run_armed $function $n 4 0 {pull recv -nowait} failures
+        expect "$function $n: the next message" [pull recv -nowait] next
+        expect "$function $n: statistics" [dict get [pull stats] received messages] 1
+        close_pair
+    }
+}
+
+# Failures without a caller: silence, standard error or the background-error handler.
+proc observe {name function error command check want {forgood 0}} {
+    unset -nocomplain ::reported
+    stderr_news
+    set result [run_armed $function 1 $error $forgood $command failures]
+    if {$failures == 0} {complain "$name: $function is never called"}
+    expect $name [list $result [uplevel #0 $check]] [list ok $want]
+}
+proc silent {} {}
+foreach {function} {gettimeofday localtime_r} {
+    observe timestamp $function 22 {set ::t [::qel::timestamp]} {set ::t} {}
+}
+set logFile $work/log
+proc logged {} {
+    ::zmq::debug file $::logFile
+    ::zmq::debug on
+    ::zmq::socket create s PUSH
+    ::zmq::debug off
+    s close
+}
+observe log fopen 13 logged {regexp {sockets now using the default context: 1\n} [stderr_news]} 1
+observe log fclose 28 logged {stderr_news} \
+    "log_stream_close: failed to close log stream: No space left on device\n"
+observe log gettimeofday 22 logged {set f [open $::logFile]; set m [regexp -line {^:\(null\):debug:} [read $f]]; close $f; set m} 1
+foreach {error text} {
+    14 {one of the poll itemsis not valid: Bad address}
+    156384765 {one of the poll itemsis a zmq socket whose ctx was terminated: Context was terminated}
+    4 {poll was interruptedby a signal: Interrupted system call}
+    9 {some poll error: Bad file descriptor}
+} {
+    observe poll-$error zmq_poll $error {run_reactor 20} stderr_news \
+        "TIME:-:reactor:error:\[[pid]\]:-: $text\n"
+}
+observe poll-for-good zmq_poll 9 {run_reactor 300} \
+    {set lines [llength [split [string trim [stderr_news]] \n]]; expr {$lines > 3 && $lines < 15}} 1 1
+proc signalled {} {
+    set ::ran {}
+    ::qel::reactor signal trap USR1 {lappend ::ran}
+    exec kill -USR1 [pid]
+    run_reactor 100
+    signals_default
+}
+foreach {function error want} {
+    read 5 {{{pv_signal_dispatch: error handling signals: EIO I/O error}} SIGUSR1}
+    read 0 {{{pv_signal_dispatch: bad read from signal fd}} SIGUSR1}
+} {
+    observe dispatch-$error $function $error signalled {list $::reported $::ran} $want
+}
+observe dispatch-format vasprintf 12 {
+    ::qel::reactor signal trap USR1 "\{"
+    exec kill -USR1 [pid]
+    run_reactor 100
+    signals_default
+} {info exists ::reported} 0
+
+# The context's end ignores its result; a new context serves the next socket.
+fault arm zmq_ctx_term 1 4 forgood
+lose_context
+expect {context ended} [fault off] 1
+::zmq::socket create s PUSH
+s close
+
+# Without memory for a name the process stops, and says why.
+foreach field {worker node} {
+    set script "load $::env(FAULT_LIBRARY) Fault; package require zmq
+        fault arm strdup 1 12; ::zmq::debug $field x"
+    catch {exec [info nameofexecutable] << $script} message options
+    expect "debug $field" [list [lindex [dict get $options -errorcode] 2] \
+        [regexp -all "debug.$field != 0 && \"strdup failed\"" $message]] {SIGABRT 1}
+}
+puts "$::cases comparisons over [expr {[llength $rows] / 6}] rows, $::red red"
+exit [expr {$::red > 0}]
