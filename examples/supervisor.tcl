@@ -1,0 +1,111 @@
+#!/usr/bin/env tclsh
+# supervisor.tcl -- starts workers, restarts those that end, stops them with itself.
+#
+#     supervisor.tcl count command ?arg ...?
+#
+# The standard output of the workers is printed line by line, with the worker's number.
+# A worker that ends is started again: at once after a long life, after longer and
+# longer pauses when it keeps ending early.
+
+package require zmq
+
+foreach signal {SIGINT SIGTERM} {
+    ::qel::reactor signal trap $signal shut_down
+}
+
+proc complain {message {options {}}} {
+    puts stderr "[::qel::timestamp] supervisor: $message"
+}
+::qel::reactor bgerror complain
+
+set longLife 10000 ;# milliseconds after which a worker counts as sound
+set pauseMin 100   ;# milliseconds before a restart, doubled each time
+set pauseMax 30000
+set patience 5000  ;# milliseconds that workers have to end when they are told to
+set stopping 0
+set workers {}     ;# worker's channel -> dictionary: number, began, pause
+
+proc start {number pause} {
+    if {$::stopping} {
+        return
+    }
+    # A child inherits the blocked signals of this thread; env lets them through again.
+    # The pipe is also how the end of a worker is noticed: it reports end of file.
+    set command [list env --default-signal=INT --default-signal=TERM {*}$::command]
+    if {[catch {open |[concat $command [list 2>@stderr <@stdin]]} channel]} {
+        puts "$number: cannot start: $channel"
+        ::qel::reactor after $::pauseMax [list start $number $pause]
+        return
+    }
+    fconfigure $channel -blocking 0 -buffering line
+    dict set ::workers $channel \
+        [dict create number $number began [clock milliseconds] pause $pause]
+    ::qel::reactor event $channel readable [list output $channel]
+    puts "$number: started, process [pid $channel]"
+}
+
+proc output {channel} {
+    set number [dict get $::workers $channel number]
+    while {[gets $channel line] >= 0} {
+        puts "$number: $line"
+    }
+    if {[eof $channel]} {
+        ended $channel
+    }
+}
+
+proc ended {channel} {
+    set worker [dict get $::workers $channel]
+    dict unset ::workers $channel
+    # The handler goes before the channel does.  Only closing a blocking pipe waits for
+    # the process and tells how it ended.
+    ::qel::reactor event $channel readable {}
+    fconfigure $channel -blocking 1
+    set how "status 0"
+    if {[catch {close $channel} message options]} {
+        # Either CHILDSTATUS, process, status or CHILDKILLED, process, signal, text.
+        lassign [dict get $options -errorcode] kind - how
+        set how [expr {$kind eq "CHILDSTATUS" ? "status $how" : $how}]
+    }
+    set number [dict get $worker number]
+    puts "$number: ended, $how"
+    if {$::stopping} {
+        if {[dict size $::workers] == 0} {
+            ::qel::reactor stop
+        }
+        return
+    }
+    set pause [dict get $worker pause]
+    if {[clock milliseconds] - [dict get $worker began] > $::longLife} {
+        set pause 0
+    }
+    set next [expr {min($::pauseMax, max($::pauseMin, 2 * $pause))}]
+    ::qel::reactor after $pause [list start $number $next]
+}
+
+proc signal_all {name} {
+    foreach channel [dict keys $::workers] {
+        catch {exec sh -c "kill -$name [join [pid $channel]]"}
+    }
+}
+
+proc shut_down {signal} {
+    set ::stopping 1
+    puts "stopping on $signal"
+    if {[dict size $::workers] == 0} {
+        ::qel::reactor stop
+    }
+    signal_all TERM
+    ::qel::reactor after $::patience {signal_all KILL}
+}
+
+set command [lassign $argv count]
+if {![string is integer -strict $count] || $count < 1 || [llength $command] == 0} {
+    puts stderr "usage: supervisor.tcl count command ?arg ...?"
+    exit 2
+}
+fconfigure stdout -buffering line
+for {set number 1} {$number <= $count} {incr number} {
+    start $number 0
+}
+::qel::reactor start
