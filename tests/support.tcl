@@ -81,6 +81,42 @@ proc react {script} {
     if {[info exists ::support(late)]} {error "the reactor was not stopped"}
 }
 
+# Runs a table of rows {script message code} in the caller's scope and gives the rows
+# that went otherwise, with what they gave.
+proc misfits {rows} {
+    set bad {}
+    foreach {script message code} $rows {
+        if {[catch {uplevel 1 [list failure $script]} got]
+                || [lindex $got 0] ne $message || [lindex $got 1] ne $code} {
+            lappend bad $script $got
+        }
+    }
+    return $bad
+}
+
+# The debug lines of a text without their prefix, which must name this node and worker.
+# Lines of any other form stay as they are.
+proc debug_lines {text {node (null)} {worker (null)}} {
+    set form {^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}[-+]\d{4}:(.*):debug:\[\d+\]:(.*?):(pv_\w+: .*)$}
+    lmap line [split [string trimright $text \n] \n] {
+        expr {[regexp $form $line -> itsNode itsWorker rest]
+              && $itsNode eq $node && $itsWorker eq $worker ? $rest : $line}
+    }
+}
+
+# The debug lines that a script causes.
+proc logged {script} {
+    ::zmq::debug file [scratch log]
+    ::zmq::debug on
+    uplevel 1 $script
+    ::zmq::debug off
+    set f [open [scratch log]]
+    set text [read $f]
+    close $f
+    file delete [scratch log]
+    debug_lines $text
+}
+
 proc finish {} {
     set failed [expr {$::tcltest::numTests(Failed) > 0 || $::tcltest::numTests(Total) == 0}]
     close_all
