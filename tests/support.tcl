@@ -106,6 +106,7 @@ proc debug_lines {text {node (null)} {worker (null)}} {
 
 # The debug lines that a script causes.
 proc logged {script} {
+    close [open [scratch log] w]
     ::zmq::debug file [scratch log]
     ::zmq::debug on
     uplevel 1 $script
