@@ -80,7 +80,8 @@ proc trapped {} {
 
 # Sends signals to the process, one after the other.
 proc raise {args} {
-    foreach signal $args {append script "kill -[string range $signal 3 end] [pid];"}
+    set script :
+    foreach name $args {append script ";kill -[expr {[lsearch $::names $name] + 1}] [pid]"}
     exec sh -c $script
 }
 
@@ -95,6 +96,16 @@ proc spin {condition {end {}}} {
     } else {
         reactor after 2 [list spin $condition $end]
     }
+}
+
+# Runs a script in a child that has this file, and gives what it logged or returned and
+# how it ended; the child must write nothing to standard error.
+proc isolated {script} {
+    set file [file join $::support(root) tests kernel.tcl]
+    lassign [child "source [list $file]\nputs -nonewline \[apply {{} {\n$script\n}}]"] \
+        out err status
+    if {$err ne ""} {error $err}
+    expr {$status == 0 ? $out : $status}
 }
 
 set log {}
