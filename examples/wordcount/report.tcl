@@ -1,0 +1,78 @@
+# report.tcl -- what the word count shows: lines, a progress bar, the final tables.
+
+# A progress bar would spoil a file or a pipe.  Only a terminal has a mode.
+set terminal [dict exists [fconfigure stdout] -mode]
+fconfigure stdout -encoding utf-8
+
+proc say {line} {
+    clear_progress
+    puts $line
+    flush stdout
+}
+
+proc complain {line} {
+    clear_progress
+    puts stderr "wordcount: $line"
+}
+
+proc clear_progress {} {
+    if {$::terminal} {
+        puts -nonewline "\r\033\[K"
+        flush stdout
+    }
+}
+
+proc draw_progress {} {
+    if {!$::terminal} return
+    ::qel::reactor after 100 draw_progress
+    set part [expr {min(1.0, double($::doneBytes) / max(1, $::size))}]
+    set width [expr {round(40 * $part)}]
+    puts -nonewline [format "\r\[%-40s\] %3.0f %%" [string repeat # $width] \
+                         [expr {100 * $part}]]
+    flush stdout
+}
+
+# Counts again without any of the machinery; gives the same kind of dictionary.
+proc count_plainly {files} {
+    set counts {}
+    foreach file $files {
+        set channel [open $file]
+        fconfigure $channel -encoding utf-8
+        while {[gets $channel line] >= 0} {
+            dict for {word count} [tally $line] {dict incr counts $word $count}
+        }
+        close $channel
+    }
+    return $counts
+}
+
+proc sum {counts} {
+    ::tcl::mathop::+ {*}[dict values $counts]
+}
+
+# Prints the tables; true if every word was counted and nothing went wrong.
+proc print_report {} {
+    set words [sum $::counts]
+    set seconds [expr {max(1, $::ended - $::began) / 1e6}]
+    puts "\n$words words, [dict size $::counts] different ones.  The most frequent:"
+    set sorted [lsort -stride 2 -index 1 -integer -decreasing $::counts]
+    foreach {word count} [lrange $sorted 0 19] {
+        puts [format "%10d  %s" $count $word]
+    }
+    puts [format "\n%-12s %8s %10s %8s %10s %12s" worker jobs bytes sent bytes "dead letters"]
+    foreach name [lsort -dictionary [array names ::statistics worker-*]] {
+        set s $::statistics($name)
+        puts [format "%-12s %8d %10d %8d %10d %12d" $name \
+                  [dict get $s jobs received messages] [dict get $s jobs received bytes] \
+                  [dict get $s results sent messages] [dict get $s results sent bytes] \
+                  [dict get $s dead sent messages]]
+    }
+    puts [format "\n%d jobs in %.2f s: %.0f words and %.2f MB a second" $::done $seconds \
+              [expr {$words / $seconds}] [expr {$::doneBytes / $seconds / 1e6}]]
+    puts "background errors: $::errors, dead letters: $::dead"
+    set plain [count_plainly $::files]
+    set same [expr {[lsort -stride 2 $plain] eq [lsort -stride 2 $::counts]}]
+    puts "check: a plain count finds [sum $plain] words,\
+        [expr {$same ? "each as often" : "NOT THE SAME"}]"
+    return [expr {$same && $::errors + $::dead == 0}]
+}

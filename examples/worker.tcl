@@ -1,0 +1,148 @@
+#!/usr/bin/env tclsh
+# worker.tcl -- takes jobs from one socket and sends what they yield to another.
+#
+#   worker.tcl -jobs endpoint -results endpoint -dead endpoint
+#              ?-name name? ?-job script? ?-config file?
+#
+# The worker connects; the endpoints are bound by those that give it work.
+#   jobs     PULL  one message is one job
+#   results  PUSH  {result name frame ...}       what a job returned
+#                  {heartbeat name state stats}  now and then, and when the worker stops
+#   dead     PUSH  {name error frame ...}        a job that failed, after the reason
+#
+# SIGTERM, SIGINT: take no new job, finish those accepted, exit.  SIGHUP: read the
+# configuration file again.  SIGUSR1: write statistics to standard error.
+package require zmq
+
+# Traps come first: they protect the process only from here on, and only if no other
+# thread was started before.  What arrives now waits until the reactor runs.
+foreach {signal handler} {SIGTERM stop SIGINT stop SIGHUP reload SIGUSR1 report} {
+    ::qel::reactor signal trap $signal $handler
+}
+
+# What a job does: write your own here, or in the script named by -job.  Its arguments
+# are the frames of the job, its result is a list of frames, all of them bytes; after an
+# error the job is a dead letter.  Signals and heartbeats wait while a job runs.
+proc job {args} {return $args}
+
+set current {}    ;# the frames of the job in hand
+set backlog {}    ;# jobs accepted but not begun when the worker was told to stop
+set stopping 0
+
+proc log {message} {puts stderr "$::option(-name): $message"}
+
+# The settings, in milliseconds, with what a configuration file says about them: one
+# "name number" to a line.  The file is data, nothing in it is evaluated.
+proc read_settings {file} {
+    set settings {heartbeat 1000 linger 900}
+    if {$file eq ""} {return $settings}
+    set channel [open [file normalize $file]]
+    foreach line [split [read $channel][close $channel] \n] {
+        if {[regexp {^\s*(heartbeat|linger)\s+([1-9]\d{0,3})\s*$} $line -> name value]} {
+            dict set settings $name $value
+        } elseif {![regexp {^\s*(#|$)} $line]} {
+            error "$file: not a setting: \"$line\""
+        }
+    }
+    return $settings
+}
+
+# The settings change all together or, if a line is bad, not at all.
+proc reload {signal} {
+    if {[catch {read_settings $::option(-config)} settings]} {
+        return [log "old settings stay: $settings"]
+    }
+    set ::settings $settings
+    log "new settings: $settings"
+}
+
+proc statistics {} {
+    list jobs [$::jobs stats] results [$::results stats] dead [$::dead stats]
+}
+
+proc report {signal} {log "statistics: [statistics]"}
+
+# Shows that the worker lives; a heartbeat that finds no room is left out.
+proc beat {{state running}} {
+    ::qel::reactor after [dict get $::settings heartbeat] beat
+    catch {$::results send -nowait heartbeat $::name $state [statistics]}
+}
+
+# Whether what a job yields can leave at once.  If not, no job is begun until it can: a
+# send that blocks would hold up signals and heartbeats.
+proc room {} {
+    foreach socket [list $::results $::dead] {
+        if {!([$socket configure -events] & 2)} {
+            ::qel::reactor event $::jobs readable {}
+            ::qel::reactor event $socket writable [list resume $socket]
+            return 0
+        }
+    }
+    return 1
+}
+
+proc resume {socket} {
+    ::qel::reactor event $socket writable {}
+    ::qel::reactor event $::jobs readable work
+    if {$::stopping} work
+}
+
+# Does one job.  It is accepted once received, and done before anything else happens.
+proc work {} {
+    if {$::stopping && ![llength $::backlog]} {return [::qel::reactor stop]}
+    if {![room]} return
+    if {$::stopping} {
+        ::qel::reactor after 0 work
+        set ::backlog [lassign $::backlog ::current]
+    } else {
+        set ::current [$::jobs recv -nowait]
+    }
+    $::results send result $::name {*}[job {*}$::current]
+    set ::current {}
+}
+
+# The background-error handler: an error while a job is in hand is the job's.
+proc failed {message {options {}}} {
+    log "error: $message"
+    if {[llength $::current]} {
+        $::dead send $::name [encoding convertto utf-8 $message] {*}$::current
+    }
+    set ::current {}
+}
+
+# Disconnecting discards what waits in the socket's queue, so that is received first:
+# as many jobs as the queue holds are all that had come before the signal.
+proc stop {signal} {
+    if {$::stopping} return
+    set n [$::jobs configure -rcvhwm]
+    while {[incr n -1] >= 0 && [$::jobs configure -events] & 1} {
+        lappend ::backlog [$::jobs recv -nowait]
+    }
+    $::jobs disconnect $::option(-jobs)
+    set ::stopping 1
+    work
+}
+
+array set option {-jobs "" -results "" -dead "" -name worker -job "" -config ""}
+foreach {word value} $argv {
+    if {![info exists option($word)]} {puts stderr "unknown option $word"; exit 2}
+    set option($word) $value
+}
+set settings [read_settings $option(-config)]
+if {$option(-job) ne ""} {source $option(-job)}
+set name [encoding convertto utf-8 $option(-name)]
+foreach {socket type} {jobs PULL results PUSH dead PUSH} {
+    set $socket [::zmq::socket new $type]
+}
+$jobs configure -rcvhwm 50    ;# a short queue: jobs go to the workers that are free
+foreach socket {jobs results dead} {[set $socket] connect $option(-$socket)}
+::qel::reactor bgerror failed
+::qel::reactor event $jobs readable work
+beat
+::qel::reactor start
+
+beat stopped
+foreach socket [list $jobs $results $dead] {
+    $socket configure -linger [dict get $settings linger]
+    $socket close
+}
