@@ -1,0 +1,149 @@
+"""The workloads on pyzmq: /usr/bin/python3 pyzmq.py multipart|plain workload argument...
+
+As zmq.tcl does them, each the way pyzmq's own documentation writes it: "multipart"
+exchanges lists of frames, as the package does; "plain" single frames, where a message has
+no more than one.  Every workload prints one line "value ..."; those with a peer print the
+endpoint that they are bound to before.
+"""
+import os
+import sys
+import time
+
+import zmq
+
+context = zmq.Context()
+plain = sys.argv[1] == "plain"
+
+
+def sender(s):
+    return s.send if plain else s.send_multipart
+
+
+def receiver(s):
+    return s.recv if plain else s.recv_multipart
+
+
+def message(size, frames=1):
+    payload = b"x" * size
+    return payload if plain else [payload] * frames
+
+
+def ops_per_second(count, run):
+    run(count // 10)
+    start = time.perf_counter()
+    run(count)
+    return count / (time.perf_counter() - start)
+
+
+def bound(kind):
+    s = context.socket(kind)
+    s.bind("tcp://127.0.0.1:*")
+    print(s.getsockopt_string(zmq.LAST_ENDPOINT).rstrip("\0"), flush=True)
+    return s
+
+
+def connected(kind, endpoint):
+    s = context.socket(kind)
+    s.connect(endpoint)
+    return s
+
+
+def inproc(size, frames, copy, count):
+    pull = context.socket(zmq.PULL)
+    push = context.socket(zmq.PUSH)
+    pull.bind("inproc://self")
+    push.connect("inproc://self")
+    send, recv, payload = sender(push), receiver(pull), message(size, frames)
+
+    def through(n):
+        for _ in range(n):
+            send(payload)
+            got = recv()
+
+    return ops_per_second(count, through)
+
+
+def recv(count):
+    recv = receiver(bound(zmq.PULL))
+
+    def receive(n):
+        for _ in range(n):
+            got = recv()
+
+    return ops_per_second(count, receive)
+
+
+def send(size, count):
+    send, payload = sender(bound(zmq.PUSH)), message(size)
+
+    def transmit(n):
+        for _ in range(n):
+            send(payload)
+
+    return ops_per_second(count, transmit)
+
+
+def poll(idle, count):
+    poller = zmq.Poller()
+    handlers = {}
+    idlers = [context.socket(zmq.PULL) for _ in range(idle)]
+    for s in idlers + [bound(zmq.PULL)]:
+        poller.register(s, zmq.POLLIN)
+        handlers[s] = receiver(s)
+
+    def loop(n):
+        while n > 0:
+            for s, _ in poller.poll(5000):
+                got = handlers[s]()
+                n -= 1
+
+    return ops_per_second(count, loop)
+
+
+def rtt(endpoint, count):
+    s = connected(zmq.REQ, endpoint)
+    send, recv, payload = sender(s), receiver(s), message(64)
+
+    def ask(n):
+        for _ in range(n):
+            send(payload)
+            got = recv()
+
+    return ops_per_second(count, ask)
+
+
+def echo():
+    s = bound(zmq.REP)
+    send, recv = sender(s), receiver(s)
+    while True:
+        send(recv())
+
+
+def sockets(count):
+    """Microseconds to create and to close an idle socket, bytes that it holds."""
+    context.socket(zmq.PULL).close()
+    before = resident()
+    start = time.perf_counter()
+    kept = [context.socket(zmq.PULL) for _ in range(count)]
+    created = time.perf_counter()
+    held = resident() - before
+    closing = time.perf_counter()
+    for s in kept:
+        s.close()
+    closed = time.perf_counter()
+    return "%g %g %g" % ((created - start) * 1e6 / count,
+                         (closed - closing) * 1e6 / count, held / count)
+
+
+def resident():
+    with open("/proc/self/status") as status:
+        line = next(line for line in status if line.startswith("VmRSS:"))
+    return int(line.split()[1]) * 1024
+
+
+words = [int(word) if word.isdigit() else word for word in sys.argv[3:]]
+print("value", {
+    "inproc": inproc, "recv": recv, "send": send, "reactor": poll, "poll": poll,
+    "rtt": rtt, "echo": echo, "sockets": sockets,
+}[sys.argv[2]](*words), flush=True)
+os._exit(0)  # what is still queued is of no interest

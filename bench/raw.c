@@ -1,0 +1,271 @@
+/*
+ * raw.c -- the workloads on libzmq itself, and the C peers of the others.
+ *
+ * The calls are those that the package makes for the same script, with nothing around
+ * them: a frame is sent with zmq_send, received with zmq_msg_recv between init and
+ * close, and followed by a look at ZMQ_RCVMORE.  Every workload prints one line,
+ * "value ..."; those with a peer print the endpoint that they are bound to before.
+ */
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <time.h>
+#include <unistd.h>
+#include <zmq.h>
+
+static void* context;
+
+static void check(int ok, const char* what) {
+    if (!ok) {
+        fprintf(stderr, "raw: %s: %s\n", what, zmq_strerror(zmq_errno()));
+        exit(1);
+    }
+}
+
+static double now(void) {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (double) t.tv_sec + (double) t.tv_nsec / 1e9;
+}
+
+/* Bytes to send, written once: untouched memory would be one page of zeros. */
+static char* payload(size_t size) {
+    char* bytes = malloc(size);
+    check(bytes != NULL, "memory");
+    return memset(bytes, 'x', size);
+}
+
+static void* socket_new(int type) {
+    void* s = zmq_socket(context, type);
+    check(s != NULL, "socket");
+    return s;
+}
+
+/* A socket that a peer is told to connect to. */
+static void* socket_bound(int type) {
+    char endpoint[64];
+    size_t size = sizeof endpoint;
+    void* s = socket_new(type);
+    check(zmq_bind(s, "tcp://127.0.0.1:*") == 0, "bind");
+    check(zmq_getsockopt(s, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0, "endpoint");
+    printf("%s\n", endpoint);
+    fflush(stdout);
+    return s;
+}
+
+static void* socket_connected(int type, const char* endpoint) {
+    void* s = socket_new(type);
+    check(zmq_connect(s, endpoint) == 0, "connect");
+    return s;
+}
+
+/* Sends one message of several equal frames. */
+static void message_send(void* s, const char* bytes, size_t size, int frames) {
+    for (int i = 1; i <= frames; i++) {
+        check(zmq_send(s, bytes, size, i < frames ? ZMQ_SNDMORE : 0) != -1, "send");
+    }
+}
+
+/* Receives one message; copy: null, or room for the bytes of a frame. */
+static void message_recv(void* s, char* copy) {
+    int more;
+    do {
+        zmq_msg_t frame;
+        size_t size = sizeof more;
+        zmq_msg_init(&frame);
+        check(zmq_msg_recv(&frame, s, 0) != -1, "recv");
+        if (copy != NULL) {
+            memcpy(copy, zmq_msg_data(&frame), zmq_msg_size(&frame));
+        }
+        zmq_msg_close(&frame);
+        check(zmq_getsockopt(s, ZMQ_RCVMORE, &more, &size) == 0, "more");
+    } while (more != 0);
+}
+
+/* One thread, its own two ends: size, frames, copy out or not, count. */
+static double inproc(char** args) {
+    const size_t size = strtoul(args[0], NULL, 10);
+    const int frames = atoi(args[1]);
+    char* bytes = payload(size);
+    char* copy = atoi(args[2]) != 0 ? payload(size) : NULL;
+    const long count = atol(args[3]);
+    void* in = socket_new(ZMQ_PULL);
+    void* out;
+    double start = 0;
+    check(zmq_bind(in, "inproc://self") == 0, "bind");
+    out = socket_connected(ZMQ_PUSH, "inproc://self");
+    for (long i = -count / 10; i < count; i++) {
+        if (i == 0) {
+            start = now();
+        }
+        message_send(out, bytes, size, frames);
+        message_recv(in, copy);
+    }
+    return (double) count / (now() - start);
+}
+
+/* From a source: count. */
+static double receive(char** args) {
+    const long count = atol(args[0]);
+    void* in = socket_bound(ZMQ_PULL);
+    double start = 0;
+    for (long i = -count / 10; i < count; i++) {
+        if (i == 0) {
+            start = now();
+        }
+        message_recv(in, NULL);
+    }
+    return (double) count / (now() - start);
+}
+
+/* To a sink: size, count. */
+static double transmit(char** args) {
+    const size_t size = strtoul(args[0], NULL, 10);
+    const long count = atol(args[1]);
+    char* bytes = payload(size);
+    void* out = socket_bound(ZMQ_PUSH);
+    double start = 0;
+    for (long i = -count / 10; i < count; i++) {
+        if (i == 0) {
+            start = now();
+        }
+        message_send(out, bytes, size, 1);
+    }
+    return (double) count / (now() - start);
+}
+
+/* Waits for one message at a time, beside idle sockets, from a source: idle, count. */
+static double polled(char** args) {
+    const int idle = atoi(args[0]);
+    const long count = atol(args[1]);
+    zmq_pollitem_t* items = calloc((size_t) idle + 1, sizeof *items);
+    double start = 0;
+    for (int i = 0; i <= idle; i++) {
+        items[i].socket = i < idle ? socket_new(ZMQ_PULL) : socket_bound(ZMQ_PULL);
+        items[i].events = ZMQ_POLLIN;
+    }
+    for (long i = -count / 10; i < count;) {
+        check(zmq_poll(items, idle + 1, 5000) != -1, "poll");
+        for (int k = 0; k <= idle; k++) {
+            if ((items[k].revents & ZMQ_POLLIN) != 0) {
+                if (i == 0) {
+                    start = now();
+                }
+                message_recv(items[k].socket, NULL);
+                i++;
+            }
+        }
+    }
+    return (double) count / (now() - start);
+}
+
+/* Round trips to an echo: endpoint, count. */
+static double rtt(char** args) {
+    const long count = atol(args[1]);
+    char bytes[64] = {0};
+    void* s = socket_connected(ZMQ_REQ, args[0]);
+    double start = 0;
+    for (long i = -count / 10; i < count; i++) {
+        if (i == 0) {
+            start = now();
+        }
+        message_send(s, bytes, sizeof bytes, 1);
+        message_recv(s, NULL);
+    }
+    return (double) count / (now() - start);
+}
+
+/* Answers until it is killed. */
+_Noreturn static double echo(char** args) {
+    void* s = socket_bound(ZMQ_REP);
+    (void) args;
+    for (;;) {
+        zmq_msg_t frame;
+        int more;
+        size_t size = sizeof more;
+        zmq_msg_init(&frame);
+        check(zmq_msg_recv(&frame, s, 0) != -1, "recv");
+        check(zmq_getsockopt(s, ZMQ_RCVMORE, &more, &size) == 0, "more");
+        check(zmq_send(s, zmq_msg_data(&frame), zmq_msg_size(&frame), 0) != -1, "send");
+        zmq_msg_close(&frame);
+    }
+}
+
+/* Resident memory of this process in bytes. */
+static double resident(void) {
+    char line[256];
+    double kilobytes = 0;
+    FILE* f = fopen("/proc/self/status", "r");
+    check(f != NULL, "status");
+    while (fgets(line, sizeof line, f) != NULL) {
+        sscanf(line, "VmRSS: %lf", &kilobytes);
+    }
+    fclose(f);
+    return kilobytes * 1024;
+}
+
+/* Creates and closes idle sockets: microseconds each, and bytes held: count. */
+_Noreturn static double idle_sockets(char** args) {
+    const long count = atol(args[0]);
+    void** sockets = calloc((size_t) count, sizeof *sockets);
+    double before, held, start, created, closing;
+    zmq_close(socket_new(ZMQ_PULL)); // the context's threads and tables
+    before = resident();
+    start = now();
+    for (long i = 0; i < count; i++) {
+        sockets[i] = socket_new(ZMQ_PULL);
+    }
+    created = now() - start;
+    held = resident() - before;
+    closing = now();
+    for (long i = 0; i < count; i++) {
+        zmq_close(sockets[i]);
+    }
+    printf("value %g %g %g\n", created * 1e6 / (double) count,
+           (now() - closing) * 1e6 / (double) count, held / (double) count);
+    exit(0);
+}
+
+/* Sends until it is killed: endpoint, size. */
+_Noreturn static double source(char** args) {
+    const size_t size = strtoul(args[1], NULL, 10);
+    char* bytes = payload(size);
+    void* out = socket_connected(ZMQ_PUSH, args[0]);
+    for (;;) {
+        message_send(out, bytes, size, 1);
+    }
+}
+
+/* Receives until it is killed: endpoint. */
+_Noreturn static double sink(char** args) {
+    void* in = socket_connected(ZMQ_PULL, args[0]);
+    for (;;) {
+        message_recv(in, NULL);
+    }
+}
+
+int main(int argc, char** argv) {
+    static const struct {
+        const char* word;
+        int args;
+        double (*run)(char** args);
+    } modes[] = {
+        {"inproc", 4, inproc}, {"recv", 1, receive},    {"send", 2, transmit},
+        {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 2, rtt},
+        {"echo", 0, echo},     {"sockets", 1, idle_sockets},
+        {"source", 2, source}, {"sink", 1, sink},
+    };
+    prctl(PR_SET_PDEATHSIG, SIGTERM); // a peer never outlives the driver
+    context = zmq_ctx_new();
+    for (size_t i = 0; i < sizeof modes / sizeof *modes; i++) {
+        if (argc - 2 == modes[i].args && strcmp(argv[1], modes[i].word) == 0) {
+            printf("value %.6g\n", modes[i].run(argv + 2));
+            fflush(stdout);
+            _exit(0); // what is still queued is of no interest
+        }
+    }
+    fprintf(stderr, "usage: raw workload argument...\n");
+    return 1;
+}

@@ -1,0 +1,228 @@
+# report.tcl -- what the driver makes of its samples: results, tables, plots.
+
+# The results: rows of {section name title unit subject median minimum maximum ratio
+# target met}.
+
+proc median {values} {
+    set sorted [lsort -real $values]
+    set middle [expr {[llength $sorted] / 2}]
+    return [expr {[llength $sorted] % 2 ? [lindex $sorted $middle]
+            : ([lindex $sorted $middle-1] + [lindex $sorted $middle]) / 2.0}]
+}
+
+# How the package compares: milliseconds more for the start, else how many times.
+proc compared {unit name subject} {
+    set each {}
+    foreach ours $::samples($name,package) theirs $::samples($name,$subject) {
+        if {$unit eq "ms"} {
+            lappend each [expr {$ours - $theirs}]
+        } elseif {$theirs != 0} {
+            lappend each [expr {double($ours) / $theirs}]
+        }
+    }
+    return [expr {[llength $each] > 0 ? [format %.3f [median $each]] : ""}]
+}
+
+proc results_of {measurement} {
+    lassign $measurement section workload peer outputs references
+    set rows {}
+    foreach output $outputs {
+        lassign $output name title unit own_target
+        foreach subject [concat package [dict keys $references]] {
+            set values [lsort -real $::samples($name,$subject)]
+            lassign {"" "" ""} ratio target met
+            if {$subject ne "package"} {
+                set ratio [compared $unit $name $subject]
+                set target [dict get $references $subject]
+                set target [expr {$own_target ne "" ? $own_target : $target}]
+                if {$target ne "-"} {
+                    set met [expr {($unit eq "ms" ? $ratio <= $target
+                            : $ratio >= $target) ? "yes" : "no"}]
+                }
+            }
+            lappend rows [list $section $name $title $unit $subject \
+                [format %.6g [median $values]] [format %.6g [lindex $values 0]] \
+                [format %.6g [lindex $values end]] $ratio $target $met]
+        }
+    }
+    return $rows
+}
+
+# Writing.
+
+proc short {value unit} {
+    if {$unit eq "op/s"} {
+        foreach {limit divisor suffix} {1e6 1e6 " M" 1e4 1e3 " k"} {
+            if {$value >= $limit} {
+                return [format %.3g%s [expr {$value / $divisor}] $suffix]
+            }
+        }
+        return [format %.0f $value]
+    }
+    return [format [expr {$unit eq "bytes" ? "%.0f" : "%.3g"}] $value]
+}
+
+proc first_match {pattern path} {
+    set f [open $path]
+    set found [regexp -line -inline $pattern [read $f]]
+    close $f
+    return [string trim [lindex $found 1]]
+}
+
+proc machine {} {
+    set cores [llength [regexp -all -inline -line {^processor} [read [set f [open /proc/cpuinfo]]]]]
+    close $f
+    set versions [exec /usr/bin/python3 -c \
+        "import sys, zmq; print(zmq.zmq_version(), 'pyzmq', zmq.__version__, 'on Python', sys.version.split()\[0\])"]
+    return "[first_match {^model name\s*: (.*)$} /proc/cpuinfo], $cores cores, [first_match \
+        {^PRETTY_NAME="(.*)"$} /etc/os-release], Linux $::tcl_platform(osVersion), Tcl\
+        [info patchlevel], libzmq $versions"
+}
+
+# One Markdown table: a line an output, a column a subject.
+proc table {section rows} {
+    set rows [lsearch -all -inline -index 0 $rows $section]
+    set columns [lsort -unique [lmap row $rows {lindex $row 4}]]
+    set columns [lmap c {raw pyzmq plain after tclsh} {
+        if {$c ni $columns} continue
+        set c
+    }]
+    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" after "Tcl's after" tclsh "tclsh alone"}
+    set how [expr {$section eq "start" ? "more" : "ratio"}]
+    set head "| workload | unit | this package | spread |"
+    set rule "|---|---|---:|---:|"
+    foreach c $columns {
+        append head " [dict get $titles $c] | $how (target) |"
+        append rule "---:|---:|"
+    }
+    set lines [list "$head met |" "$rule---|"]
+    foreach row $rows {
+        lassign $row - name title unit subject median low high
+        if {$subject ne "package"} continue
+        set line "| $title | $unit | [short $median $unit] | [short $low $unit] to\
+            [short $high $unit] |"
+        set met ""
+        foreach c $columns {
+            set other [lsearch -inline -index 4 [lsearch -all -inline -index 1 $rows $name] $c]
+            if {$other eq ""} {
+                append line " | |"
+                continue
+            }
+            lassign [lrange $other 8 end] ratio target ok
+            append line " [short [lindex $other 5] $unit] | $ratio"
+            append line [expr {$target in {"" -} ? " |" : " ($target) |"}]
+            if {$ok ne ""} {
+                lappend met $ok
+            }
+        }
+        lappend lines "$line [join $met {, }] |"
+    }
+    return [join $lines \n]
+}
+
+proc report {rows machine} {
+    set text "# Results\n\n$machine.\n\n"
+    append text "Medians of $::rounds rounds, the subjects interleaved; the spread is the\
+        least and the greatest\nround; a ratio is the median of the rounds' ratios."
+    append text [expr {$::quick ? "  **Quick form: for a look, not for conclusions.**" : ""}]
+    append text "\n[file tail $::here]/README.md tells what each row measures.\n"
+    foreach {section title} {
+        throughput "Messages" timers "Timers against Tcl's own"
+        start "Start and end" growth "What one costs, and how that grows"
+    } {
+        if {[lsearch -index 0 $rows $section] >= 0} {
+            append text "\n## $title\n\n[table $section $rows]\n"
+        }
+    }
+    return $text
+}
+
+proc write_file {path text} {
+    set f [open $path w]
+    puts -nonewline $f $text
+    close $f
+}
+
+proc csv {rows} {
+    set text "section,name,workload,unit,subject,median,minimum,maximum,compared,target,met\n"
+    foreach row $rows {
+        append text [join [lmap field $row {
+            expr {[string match *,* $field] ? "\"$field\"" : $field}
+        }] ,] \n
+    }
+    return $text
+}
+
+# The plots.
+
+# A gnuplot data block: a line an x, its quoted label first, then a value a column.
+proc datablock {name xs columns cell} {
+    set text "\$$name << END\n"
+    foreach x $xs {
+        append text "\"$x\""
+        foreach column $columns {
+            append text " [{*}$cell $x $column]"
+        }
+        append text \n
+    }
+    return "${text}END\n"
+}
+
+# A field of the row with this name and subject, NaN where there is none.
+proc cell {rows field name subject} {
+    foreach row $rows {
+        if {[lindex $row 1] eq $name && [lindex $row 4] eq $subject} {
+            return [lindex $row $field]
+        }
+    }
+    return NaN
+}
+
+proc gnuplot {path lines} {
+    exec gnuplot << "set terminal svg size 900,420 font 'sans-serif,12' background 'white'
+        set output '$path'\n set grid y\n set key top right\n $lines" 2>@stderr
+}
+
+# Each workload as a share of what raw C reaches.
+proc share {rows name subject} {
+    set value [cell $rows 5 $name $subject]
+    return [expr {$value eq "NaN" ? "NaN" : $value / double([cell $rows 5 $name raw])}]
+}
+
+proc idle_cell {rows count column} {
+    lassign $column workload subject
+    return [cell $rows 5 $workload-$count $subject]
+}
+
+proc grow_cell {rows count column} {
+    return [cell $rows 5 grow-$column-$count package]
+}
+
+proc plot {directory rows} {
+    set names [lmap row $rows {
+        if {[lindex $row 0] ne "throughput" || [lindex $row 4] ne "raw"
+            || [regexp {^(reactor|poll)-} [lindex $row 1]]} continue
+        lindex $row 1
+    }]
+    gnuplot [file join $directory throughput.svg] "[datablock d $names {package pyzmq plain} \
+        [list share $rows]]
+        set title 'Messages per second as a share of raw C'
+        set style data histogram\n set style fill solid 0.8\n set yrange \[0:*\]
+        set xtics rotate by -25\n set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead
+        plot \$d using 2:xtic(1) title 'this package', '' using 3 title 'pyzmq, multipart', \\
+            '' using 4 title 'pyzmq, plain'"
+    set columns {{reactor package} {poll package} {reactor raw} {reactor pyzmq}}
+    gnuplot [file join $directory idle.svg] "[datablock d {0 30 200 1000} $columns \
+        [list idle_cell $rows]]
+        set title 'One busy socket beside idle ones'\n set xlabel 'idle sockets'
+        set ylabel 'messages per second'\n set logscale y\n set style data linespoints
+        plot \$d using 2:xtic(1) title 'reactor', '' using 3 title '::zmq::poll', \\
+            '' using 4 title 'raw C', '' using 5 title 'pyzmq'"
+    set columns {sockets-create sockets-delete timers-create timers-delete
+        handlers-create handlers-delete}
+    gnuplot [file join $directory growth.svg] "[datablock d {10 100 1000 10000} $columns \
+        [list grow_cell $rows]]
+        set title 'Microseconds for one of so many'\n set xlabel 'how many'
+        set ylabel 'microseconds'\n set logscale y\n set style data linespoints\n set key top left
+        plot for \[i=2:7\] \$d using i:xtic(1) title word('[string map {- _} $columns]', i - 1)"
+}

@@ -1,0 +1,310 @@
+# zmq.tcl -- the workloads on this package: tclsh zmq.tcl workload argument...
+#
+# Each proc is what a user would write, compiled by Tcl as any other.  Every workload
+# prints one line "value ..."; those with a peer print the endpoint that they are bound
+# to before.  The driver gives the directory of the package as ::env(TCLLIBPATH).
+
+proc ops_per_second {count script} {
+    uplevel 1 [list set count [expr {$count / 10}]]
+    uplevel 1 $script
+    uplevel 1 [list set count $count]
+    set start [clock microseconds]
+    uplevel 1 $script
+    return [expr {$count * 1e6 / ([clock microseconds] - $start)}]
+}
+
+proc bound {type} {
+    set s [zmq::socket new $type]
+    $s bind tcp://127.0.0.1:*
+    puts [$s configure -last_endpoint]
+    flush stdout
+    return $s
+}
+
+proc connected {type endpoint} {
+    set s [zmq::socket new $type]
+    $s connect $endpoint
+    return $s
+}
+
+proc idle_sockets {count} {
+    set sockets {}
+    for {set i 0} {$i < $count} {incr i} {
+        lappend sockets [zmq::socket new PULL]
+    }
+    return $sockets
+}
+
+proc payload {size} {
+    return [binary format a* [string repeat x $size]]
+}
+
+# What a user's loops look like.
+
+proc through {out in bytes count} {
+    for {set i 0} {$i < $count} {incr i} {
+        $out send $bytes
+        set message [$in recv]
+    }
+}
+
+proc through_frames {out in frames count} {
+    for {set i 0} {$i < $count} {incr i} {
+        $out send {*}$frames
+        set message [$in recv]
+    }
+}
+
+proc receive {in count} {
+    for {set i 0} {$i < $count} {incr i} {
+        set message [$in recv]
+    }
+}
+
+proc transmit {out bytes count} {
+    for {set i 0} {$i < $count} {incr i} {
+        $out send $bytes
+    }
+}
+
+proc on_message {in} {
+    set message [$in recv]
+    if {[incr ::left -1] == 0} {
+        qel::reactor stop
+    }
+}
+
+proc react {in count} {
+    set ::left $count
+    qel::reactor event $in readable [list on_message $in]
+    qel::reactor start
+}
+
+proc poll {sockets count} {
+    while {$count > 0} {
+        foreach s [zmq::poll {*}$sockets 5000] {
+            set message [$s recv]
+            incr count -1
+        }
+    }
+}
+
+proc ask {s bytes count} {
+    for {set i 0} {$i < $count} {incr i} {
+        $s send $bytes
+        set answer [$s recv]
+    }
+}
+
+# The workloads.
+
+proc workload_inproc {size frames copy count} {
+    set in [zmq::socket new PULL]
+    set out [zmq::socket new PUSH]
+    $in bind inproc://self
+    $out connect inproc://self
+    set bytes [payload $size]
+    if {$frames == 1} {
+        return [ops_per_second $count {through $out $in $bytes $count}]
+    }
+    set all [lrepeat $frames $bytes]
+    return [ops_per_second $count {through_frames $out $in $all $count}]
+}
+
+proc workload_recv {count} {
+    set in [bound PULL]
+    return [ops_per_second $count {receive $in $count}]
+}
+
+proc workload_send {size count} {
+    set out [bound PUSH]
+    set bytes [payload $size]
+    return [ops_per_second $count {transmit $out $bytes $count}]
+}
+
+proc workload_reactor {idle count} {
+    foreach s [idle_sockets $idle] {
+        qel::reactor event $s readable [list $s recv]
+    }
+    set in [bound PULL]
+    return [ops_per_second $count {react $in $count}]
+}
+
+proc workload_poll {idle count} {
+    set sockets [idle_sockets $idle]
+    lappend sockets [bound PULL]
+    return [ops_per_second $count {poll $sockets $count}]
+}
+
+proc workload_rtt {endpoint count} {
+    set s [connected REQ $endpoint]
+    set bytes [payload 64]
+    return [ops_per_second $count {ask $s $bytes $count}]
+}
+
+proc workload_echo {} {
+    set s [bound REP]
+    while {1} {
+        $s send {*}[$s recv]
+    }
+}
+
+# Timers, and Tcl's own for comparison: the same procs, once with either command.
+
+foreach {name after start stop} {
+    package {qel::reactor after} {qel::reactor start} {qel::reactor stop}
+    after   after                {vwait ::done}       {set ::done 1}
+} {
+    set map [list @name $name @after $after @start $start @stop $stop]
+    eval [string map $map {
+        proc schedule-@name {delays} {
+            foreach delay $delays {
+                lappend ids [@after $delay tick-@name]
+            }
+            return $ids
+        }
+        proc cancel-@name {ids} {
+            foreach id $ids {
+                @after cancel $id
+            }
+        }
+        proc tick-@name {} {
+            if {[incr ::left -1] == 0} {
+                @stop
+            }
+        }
+        proc run-@name {} {
+            @start
+        }
+    }]
+}
+
+proc rate {count start} {
+    return [expr {$count * 1e6 / ([clock microseconds] - $start)}]
+}
+
+# What one more timer costs where count stand: scheduled later than all others, at
+# random, and cancelled at random.  The list is filled latest first, which is no walk
+# for either side.
+proc workload_timers {which count} {
+    set sample [expr {min(300, $count / 10)}]
+    set ms 100000
+    for {set i $count} {$i > 0} {incr i -1} {
+        lappend delays [expr {$ms * $i}]
+    }
+    cancel-$which [schedule-$which {1000000 2000000}]
+    expr {srand(1)}
+    for {set i 0} {$i < $sample} {incr i} {
+        lappend rising [expr {$ms * ($count + $i + 1)}]
+        lappend random [expr {int($ms * rand() * $count)}]
+    }
+    schedule-$which $delays
+    set start [clock microseconds]
+    schedule-$which $rising
+    set rates [rate $sample $start]
+    set start [clock microseconds]
+    set ids [schedule-$which $random]
+    lappend rates [rate $sample $start]
+    set start [clock microseconds]
+    cancel-$which $ids
+    return [lappend rates [rate $sample $start]]
+}
+
+# Runs timers that are all due.
+proc workload_due {which count} {
+    set ms [expr {10 + $count / 400}]
+    for {set i $count} {$i > 0} {incr i -1} {
+        lappend soon [expr {$ms * $i / $count}]
+    }
+    schedule-$which $soon
+    after [expr {$ms + 1}]
+    set ::left $count
+    set start [clock microseconds]
+    run-$which
+    return [rate $count $start]
+}
+
+# Growth: microseconds to create and to delete one of count, and the bytes one holds.
+
+proc resident {} {
+    set f [open /proc/self/status]
+    regexp {VmRSS:\s+(\d+)} [read $f] -> kilobytes
+    close $f
+    return [expr {$kilobytes * 1024}]
+}
+
+proc create_sockets {names} {
+    foreach name $names {
+        zmq::socket create $name PULL
+    }
+}
+
+proc delete_sockets {names} {
+    foreach name $names {
+        $name close
+    }
+}
+
+proc create_handlers {names} {
+    foreach name $names {
+        qel::reactor event $name readable [list on_message $name]
+    }
+}
+
+proc delete_handlers {names} {
+    foreach name $names {
+        qel::reactor event $name readable {}
+    }
+}
+
+proc create_timers {delays} {
+    set ::ids [schedule-package $delays]
+}
+
+proc delete_timers {delays} {
+    cancel-package $::ids
+}
+
+proc names_sockets {count} {
+    for {set i 0} {$i < $count} {incr i} {
+        lappend names s$i
+    }
+    return $names
+}
+
+proc names_handlers {count} {
+    for {set i 0} {$i < $count} {incr i} {
+        lappend names [open /dev/null]
+    }
+    return $names
+}
+
+proc names_timers {count} {
+    for {set i 0} {$i < $count} {incr i} {
+        lappend names [expr {100000 + $i}]
+    }
+    return $names
+}
+
+proc workload_grow {kind count} {
+    set one [names_$kind 1]
+    create_$kind $one
+    delete_$kind $one
+    set names [names_$kind $count]
+    set before [resident]
+    set start [clock microseconds]
+    create_$kind $names
+    set created [expr {([clock microseconds] - $start) / double($count)}]
+    set held [expr {([resident] - $before) / double($count)}]
+    set start [clock microseconds]
+    delete_$kind $names
+    set deleted [expr {([clock microseconds] - $start) / double($count)}]
+    return [list $created $deleted $held]
+}
+
+package require zmq
+puts "value [workload_[lindex $argv 0] {*}[lrange $argv 1 end]]"
+flush stdout
+foreach s [zmq::socket names] {
+    $s close
+}
