@@ -53,6 +53,8 @@ proc reload {signal} {
         return [log "old settings stay: $settings"]
     }
     set ::settings $settings
+    ::qel::reactor after cancel beat
+    beat
     log "new settings: $settings"
 }
 
@@ -60,7 +62,7 @@ proc statistics {} {
     list jobs [$::jobs stats] results [$::results stats] dead [$::dead stats]
 }
 
-proc report {signal} {log "statistics: [statistics]"}
+proc report {signal} {log "statistics: [statistics] settings: $::settings"}
 
 # Shows that the worker lives; a heartbeat that finds no room is left out.
 proc beat {{state running}} {

@@ -23,7 +23,7 @@ proc clear_progress {} {
 }
 
 proc draw_progress {} {
-    if {!$::terminal} return
+    if {!$::terminal || $::stopping} return
     ::qel::reactor after 100 draw_progress
     set part [expr {min(1.0, double($::doneBytes) / max(1, $::size))}]
     set width [expr {round(40 * $part)}]
