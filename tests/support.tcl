@@ -82,6 +82,13 @@ proc react {script} {
     if {[info exists ::support(late)]} {error "the reactor was not stopped"}
 }
 
+# A test that is known by its description and whose sockets are closed at the end.
+proc check {description body result {match exact}} {
+    set name [file rootname [file tail [info script]]]-[incr ::support(checks)]
+    uplevel 1 [list test $name $description -body $body -cleanup close_all \
+        -match $match -result $result]
+}
+
 # Runs a table of rows {script message code} in the caller's scope and gives the rows
 # that went otherwise, with what they gave.
 proc misfits {rows} {
