@@ -55,7 +55,7 @@ proc print_report {} {
     set words [sum $::counts]
     set seconds [expr {max(1, $::ended - $::began) / 1e6}]
     puts "\n$words words, [dict size $::counts] different ones.  The most frequent:"
-    set sorted [lsort -stride 2 -index 1 -integer -decreasing $::counts]
+    set sorted [lsort -stride 2 -index 1 -integer -decreasing [lsort -stride 2 $::counts]]
     foreach {word count} [lrange $sorted 0 19] {
         puts [format "%10d  %s" $count $word]
     }
