@@ -4,10 +4,13 @@
 set terminal [dict exists [fconfigure stdout] -mode]
 fconfigure stdout -encoding utf-8
 
+# A reader that has gone away must not keep the processes from being started or stopped.
 proc say {line} {
-    clear_progress
-    puts $line
-    flush stdout
+    catch {
+        clear_progress
+        puts $line
+        flush stdout
+    }
 }
 
 proc complain {line} {
