@@ -22,11 +22,9 @@ proc complain {message {options {}}} {
 
 proc file_text {name} {
     set channel [open $name]
-    try {
-        return [read $channel]
-    } finally {
-        close $channel
-    }
+    set text [read $channel]
+    close $channel
+    return $text
 }
 
 # A subscription is compared with the beginning of the first frame, byte by byte: the

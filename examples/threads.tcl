@@ -6,6 +6,7 @@
 # Prints the CRC-32 and the size of each file, in the order in which they are done.
 # The threads ask for work, so the busy ones get none and no queue grows.
 
+package require Tcl 8.6
 package require zmq
 
 # The traps stand before the threads, which inherit the blocked signals: so a signal
