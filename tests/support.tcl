@@ -45,6 +45,14 @@ proc bound {type endpointName} {
     return $s
 }
 
+# A number from the kernel's account of a process.
+proc process_status {pid field} {
+    set f [open /proc/$pid/status]
+    set text [read $f]
+    close $f
+    lindex [regexp -inline "\n$field:\\s+(\\d+)" $text] 1
+}
+
 # Closes every socket of the thread.
 proc close_all {} {
     foreach s [::zmq::socket names] {$s close}
