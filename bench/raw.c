@@ -68,28 +68,35 @@ static void message_send(void* s, const char* bytes, size_t size, int frames) {
     }
 }
 
-/* Receives one message; copy: null, or room for the bytes of a frame. */
-static void message_recv(void* s, char* copy) {
+/*
+ * Receives one message.  kept: null, or the owner of a frame's bytes, who copies each
+ * frame into memory of its own before letting go of the one before.
+ */
+static void message_recv(void* s, char** kept) {
     int more;
     do {
         zmq_msg_t frame;
         size_t size = sizeof more;
         zmq_msg_init(&frame);
         check(zmq_msg_recv(&frame, s, 0) != -1, "recv");
-        if (copy != NULL) {
-            memcpy(copy, zmq_msg_data(&frame), zmq_msg_size(&frame));
+        if (kept != NULL) {
+            char* before = *kept;
+            *kept = malloc(zmq_msg_size(&frame));
+            memcpy(*kept, zmq_msg_data(&frame), zmq_msg_size(&frame));
+            free(before);
         }
         zmq_msg_close(&frame);
         check(zmq_getsockopt(s, ZMQ_RCVMORE, &more, &size) == 0, "more");
     } while (more != 0);
 }
 
-/* One thread, its own two ends: size, frames, copy out or not, count. */
+/* One thread, its own two ends: size, frames, own the frames or not, count. */
 static double inproc(char** args) {
     const size_t size = strtoul(args[0], NULL, 10);
     const int frames = atoi(args[1]);
     char* bytes = payload(size);
-    char* copy = atoi(args[2]) != 0 ? payload(size) : NULL;
+    const int own = atoi(args[2]);
+    char* kept = NULL;
     const long count = atol(args[3]);
     void* in = socket_new(ZMQ_PULL);
     void* out;
@@ -101,7 +108,7 @@ static double inproc(char** args) {
             start = now();
         }
         message_send(out, bytes, size, frames);
-        message_recv(in, copy);
+        message_recv(in, own ? &kept : NULL);
     }
     return (double) count / (now() - start);
 }
@@ -228,6 +235,44 @@ _Noreturn static double idle_sockets(char** args) {
     exit(0);
 }
 
+/* Sends one job and receives results until at most so many jobs are out. */
+static void job_step(void* jobs, void* results, const char* bytes, size_t size,
+                     int* out, int most) {
+    message_send(jobs, bytes, size, 1);
+    for (++*out; *out > most;) {
+        char word[16];
+        const int length = zmq_recv(results, word, sizeof word, 0);
+        int more;
+        size_t room = sizeof more;
+        check(length != -1, "recv");
+        check(zmq_getsockopt(results, ZMQ_RCVMORE, &more, &room) == 0, "more");
+        if (more != 0) {
+            message_recv(results, NULL); // the rest of the message
+        }
+        *out -= length == 6 && memcmp(word, "result", 6) == 0;
+    }
+}
+
+/* Jobs a second through the worker that connects to the three ends: size, count. */
+static double employ(char** args) {
+    const size_t size = strtoul(args[0], NULL, 10);
+    const long count = atol(args[1]);
+    const int most = 40; // under the worker's own queue of 50
+    char* bytes = payload(size);
+    void* jobs = socket_bound(ZMQ_PUSH);
+    void* results = socket_bound(ZMQ_PULL);
+    double start = 0;
+    int out = 0;
+    socket_bound(ZMQ_PULL); // dead letters
+    for (long i = -count / 10; i < count; i++) {
+        if (i == 0) {
+            start = now();
+        }
+        job_step(jobs, results, bytes, size, &out, most);
+    }
+    return (double) count / (now() - start);
+}
+
 /* Sends until it is killed: endpoint, size. */
 _Noreturn static double source(char** args) {
     const size_t size = strtoul(args[1], NULL, 10);
@@ -255,7 +300,7 @@ int main(int argc, char** argv) {
         {"inproc", 4, inproc}, {"recv", 1, receive},    {"send", 2, transmit},
         {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 2, rtt},
         {"echo", 0, echo},     {"sockets", 1, idle_sockets},
-        {"source", 2, source}, {"sink", 1, sink},
+        {"source", 2, source}, {"sink", 1, sink},       {"jobs", 2, employ},
     };
     prctl(PR_SET_PDEATHSIG, SIGTERM); // a peer never outlives the driver
     context = zmq_ctx_new();

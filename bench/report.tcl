@@ -34,7 +34,7 @@ proc results_of {measurement} {
             if {$subject ne "package"} {
                 set ratio [compared $unit $name $subject]
                 set target [dict get $references $subject]
-                set target [expr {$own_target ne "" ? $own_target : $target}]
+                set target [expr {$target eq "" ? $own_target : $target}]
                 if {$target ne "-"} {
                     set met [expr {($unit eq "ms" ? $ratio <= $target
                             : $ratio >= $target) ? "yes" : "no"}]
@@ -83,11 +83,12 @@ proc machine {} {
 proc table {section rows} {
     set rows [lsearch -all -inline -index 0 $rows $section]
     set columns [lsort -unique [lmap row $rows {lindex $row 4}]]
-    set columns [lmap c {raw pyzmq plain after tclsh} {
+    set columns [lmap c {raw pyzmq plain after tclsh floor} {
         if {$c ni $columns} continue
         set c
     }]
-    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" after "Tcl's after" tclsh "tclsh alone"}
+    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" after "Tcl's after" tclsh "tclsh alone"
+        floor "an empty package"}
     set how [expr {$section eq "start" ? "more" : "ratio"}]
     set head "| workload | unit | this package | spread |"
     set rule "|---|---|---:|---:|"

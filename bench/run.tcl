@@ -17,7 +17,10 @@ set tcl [list [info nameofexecutable] [file join $here zmq.tcl]]
 set python [list /usr/bin/python3 [file join $here pyzmq.py]]
 set subjects [dict create \
     package $tcl raw $raw pyzmq [concat $python multipart] plain [concat $python plain] \
-    after $tcl tclsh $tcl]
+    after $tcl]
+set workers [dict create \
+    package [list [info nameofexecutable] [file join [file dirname $here] examples worker.tcl]] \
+    pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
 source [file join $here report.tcl]
 
 # The rows.  A measurement is {section workload peer outputs references}: workload is what
@@ -57,6 +60,9 @@ foreach {idle target pyzmq polled} {
         [list poll $idle] {source 64} $polled $pyzmq
 }
 
+lappend measurements {throughput {jobs 1024} job
+    {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}} {pyzmq 2}}
+
 foreach count {1000 100000} {
     set outputs {}
     foreach {name title target} {
@@ -74,7 +80,7 @@ lappend measurements [list start "" start {
     {start "start: until the package is there" ms -}
     {end "end: from exit until the process is gone" ms -}
     {start-end "start and end, without the pause of 100 ms" ms 5}
-} {tclsh {}}]
+} {tclsh {} floor -}]
 
 foreach {kind counts references} {
     sockets {10 100 1000} {raw - pyzmq -}
@@ -104,8 +110,14 @@ proc run {subject workload peer count} {
     if {$peer ne "none"} {
         lappend command $count
     }
+    if {$peer eq "job"} {
+        set command [list $::raw {*}$workload $count]
+    }
     set f [open |[concat $command 2>@stderr] r]
-    if {[lindex $peer 0] in {source sink}} {
+    if {$peer eq "job"} {
+        set peers [exec {*}[dict get $::workers $subject] -jobs [gets $f] \
+            -results [gets $f] -dead [gets $f] &]
+    } elseif {[lindex $peer 0] in {source sink}} {
         set peers [exec $::raw [lindex $peer 0] [gets $f] {*}[lrange $peer 1 end] &]
     }
     set got [gets $f line]
@@ -123,10 +135,12 @@ proc run {subject workload peer count} {
     return [lrange $line 1 end]
 }
 
-# Milliseconds to start a tclsh with or without the package, to end it, and their sum
-# without the pause that the end of the context takes.
+# Milliseconds to start a tclsh, without or with a package, to end it, and their sum
+# without the pause that the end of the context takes.  The package "floor" is empty:
+# what it costs is Tcl's own search for packages.
 proc run_start {subject} {
-    set load [expr {$subject eq "package" ? "package require zmq" : ""}]
+    set load [dict get {tclsh "" floor "package require floor" package "package require zmq"} \
+        $subject]
     set start [clock microseconds]
     set ready [exec [info nameofexecutable] << "$load\nputs \[clock microseconds\]\nexit"]
     set end [clock microseconds]
