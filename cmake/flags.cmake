@@ -6,7 +6,7 @@ target_compile_definitions(parvo_flags INTERFACE
   PARVO_BUILD_HOST="${PARVO_BUILD_HOST}")
 target_include_directories(parvo_flags SYSTEM INTERFACE ${TCL_INCLUDE_DIRS})
 target_compile_options(parvo_flags INTERFACE
-  -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden
+  -UNDEBUG -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden
   -fstack-protector-strong
   "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=."
   "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build"
@@ -24,7 +24,7 @@ else()
   # A sanitizer's run-time library is only there at load time.
   target_link_options(parvo_flags INTERFACE LINKER:-z,defs)
   if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
-    target_compile_definitions(parvo_flags INTERFACE _FORTIFY_SOURCE=2)
+    target_compile_options(parvo_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
   endif()
 endif()
 if(PARVO_COVERAGE)

@@ -82,6 +82,7 @@ void replace(std::atomic<char*>& field, char* copy) {
 
 FILE* log_file_stream_open() {
     const char* path = debug.path;
+    // Closed on exec: another thread may start a program meanwhile.
     FILE* stream = path != nullptr ? fopen(path, "ae") : nullptr;
     return stream != nullptr ? stream : stderr;
 }
@@ -155,12 +156,14 @@ void log_output(const char* fn, const char* fmt, ...) {
     va_list args;
     readers.fetch_add(1);
     FILE* stream = log_file_stream_open();
+    flockfile(stream); // standard error is shared: a line stays in one piece
     log_entry_prefix(stream, fn);
     va_start(args, fmt);
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is not seen
     vfprintf(stream, fmt, args);
     va_end(args);
     fputc('\n', stream);
+    funlockfile(stream);
     log_file_stream_close(stream);
     readers.fetch_sub(1);
 }

@@ -26,7 +26,7 @@ namespace {
 
 constexpr int allEvents = -1; // mask that names every event
 constexpr zmq_pollitem_t freeItem = {nullptr, -1, 0, 0};
-constexpr PVPollInfo freeInfo = {nullptr, nullptr, nullptr};
+constexpr PVPollInfo freeInfo = {nullptr, nullptr, nullptr, nullptr};
 
 Tcl_ThreadDataKey dataKey;
 
@@ -130,7 +130,11 @@ void pv_event_delete(PVReactor* r, int position, int event);
 void channel_closed(ClientData clientData) {
     PVReactor* r = thread_reactor();
     const int fd = static_cast<int>(reinterpret_cast<intptr_t>(clientData));
-    pv_event_delete(r, pv_event_find_chan(r, fd), allEvents);
+    const int position = pv_event_find_chan(r, fd);
+    if (position != -1) {
+        r->poll.infos[position].data = nullptr; // Tcl has dropped the close handler
+        pv_event_delete(r, position, allEvents);
+    }
 }
 
 /* A descriptor as the client data of a close handler. */
@@ -139,20 +143,14 @@ ClientData fd_as_data(int fd) {
     return reinterpret_cast<ClientData>(static_cast<intptr_t>(fd));
 }
 
-/* The entry of a descriptor is for this channel (null: for none) from now on. */
+/* The entry of a descriptor is for this channel from now on. */
 void channel_watch(PVReactor* r, int position, Tcl_Channel channel) {
     PVPollInfo* info = &r->poll.infos[position];
-    auto* clientData = fd_as_data(r->poll.items[position].fd);
-    if (info->data == channel) {
-        return;
-    }
-    if (info->data != nullptr) {
-        Tcl_DeleteCloseHandler(static_cast<Tcl_Channel>(info->data), channel_closed,
-                               clientData);
-    }
-    info->data = channel;
-    if (channel != nullptr) {
-        Tcl_CreateCloseHandler(channel, channel_closed, clientData);
+    if (info->data != channel) {
+        info->data = channel;
+        set_slot(info->name, Tcl_NewStringObj(Tcl_GetChannelName(channel), -1));
+        Tcl_CreateCloseHandler(channel, channel_closed,
+                               fd_as_data(r->poll.items[position].fd));
     }
 }
 
@@ -166,9 +164,11 @@ void pv_event_compact(PVReactor* r, int position) {
     if (items[position].socket != nullptr) {
         pv_socket_unregister_from_reactor(
             static_cast<PVSockData*>(infos[position].data));
-    } else {
-        channel_watch(r, position, nullptr);
+    } else if (infos[position].data != nullptr) {
+        Tcl_DeleteCloseHandler(static_cast<Tcl_Channel>(infos[position].data),
+                               channel_closed, fd_as_data(items[position].fd));
     }
+    set_slot(infos[position].name, nullptr);
     const size_t last = r->poll.nitems - 1;
     const size_t behind = last - static_cast<size_t>(position);
     memmove(&items[position], &items[position + 1], behind * sizeof *items);
@@ -192,6 +192,34 @@ void pv_event_delete_sock_handler(PVReactor* r, const void* socket, int event) {
 
 void pv_event_delete_chan_handler(PVReactor* r, int fd, short event) {
     pv_event_delete(r, pv_event_find_chan(r, fd), event);
+}
+
+// Channels that have gone.
+
+/* The channel that has a name in interp, or null; leaves interp as it was. */
+Tcl_Channel channel_by_name(Tcl_Interp* interp, Tcl_Obj* name) {
+    const ObjRef held(name);
+    Tcl_InterpState state = Tcl_SaveInterpState(interp, TCL_OK);
+    Tcl_Channel channel = Tcl_GetChannel(interp, Tcl_GetString(name), nullptr);
+    Tcl_RestoreInterpState(interp, state);
+    return channel;
+}
+
+/* Tells whether a channel no longer has the entry's descriptor for one of its events.
+ */
+bool event_gone(const zmq_pollitem_t& item, Tcl_Channel channel, int event) {
+    ClientData handle;
+    const int direction = event == ZMQ_POLLIN ? TCL_READABLE : TCL_WRITABLE;
+    return (item.events & event) != 0 &&
+           (Tcl_GetChannelHandle(channel, direction, &handle) != TCL_OK ||
+            handle != fd_as_data(item.fd));
+}
+
+/* All such events of an entry. */
+int events_gone(const PVReactor* r, int position, Tcl_Channel channel) {
+    const zmq_pollitem_t& item = r->poll.items[position];
+    return (event_gone(item, channel, ZMQ_POLLIN) ? ZMQ_POLLIN : 0) |
+           (event_gone(item, channel, ZMQ_POLLOUT) ? ZMQ_POLLOUT : 0);
 }
 
 // Handlers by name.
@@ -250,6 +278,7 @@ int pv_event_set_sock_handler(PVReactor* r, void* socket, short event, Tcl_Obj* 
 int pv_event_set_chan_handler(PVReactor* r, const char* name, short event,
                               Tcl_Obj* script) {
     Tcl_Channel channel;
+    pv_event_refresh_all(r);
     const int fd = chan_to_fd(r->interp, name, event, &channel);
     if (fd == -1) {
         return TCL_ERROR;
@@ -275,6 +304,7 @@ int handler_delete(PVReactor* r, void* socket, const char* name, short event) {
         }
         return TCL_OK;
     }
+    pv_event_refresh_all(r);
     const int fd = chan_to_fd(r->interp, name, event, nullptr);
     if (fd == -1) {
         return TCL_ERROR;
@@ -309,12 +339,15 @@ void reactor_interp_deleted(ClientData clientData, Tcl_Interp* interp) {
     }
 }
 
-/* An entry of a reactor that ends: its scripts are released, its owner forgets it. */
+/*
+ * An entry of a reactor that ends: its scripts are released, its socket forgets it.  A
+ * channel keeps its close handler, which will find no entry: whether the channel is
+ * still there cannot be asked in an interpreter that is being deleted.
+ */
 void entry_release(PVReactor* r, int position, bool threadEnds) {
     pv_event_clear(r, position, allEvents);
-    if (r->poll.items[position].socket == nullptr) {
-        channel_watch(r, position, nullptr);
-    } else if (!threadEnds) {
+    set_slot(r->poll.infos[position].name, nullptr);
+    if (r->poll.items[position].socket != nullptr && !threadEnds) {
         pv_socket_unregister_from_reactor(
             static_cast<PVSockData*>(r->poll.infos[position].data));
     }
@@ -401,6 +434,7 @@ int pv_event_get(PVReactor* r, const char* name, short event) {
     if (socket != nullptr) {
         position = pv_event_find_sock(r, socket);
     } else {
+        pv_event_refresh_all(r);
         const int fd = chan_to_fd(r->interp, name, event, nullptr);
         if (fd == -1) {
             return TCL_ERROR;
@@ -428,6 +462,35 @@ int pv_event_set(PVReactor* r, const char* name, short event, Tcl_Obj* script) {
                              : pv_event_set_chan_handler(r, name, event, script);
 }
 
+void pv_event_refresh_all(PVReactor* r) {
+    for (size_t i = 0; i < r->poll.nitems; i++) {
+        const size_t nitems = r->poll.nitems;
+        pv_event_refresh(r, i);
+        i -= r->poll.nitems < nitems ? 1 : 0;
+    }
+}
+
+void pv_event_refresh(PVReactor* r, size_t position) {
+    if (r->poll.infos[position].name == nullptr) {
+        return;
+    }
+    const int fd = r->poll.items[position].fd;
+    Tcl_Channel channel = channel_by_name(r->interp, r->poll.infos[position].name);
+    const int found = pv_event_find_chan(r, fd);
+    if (found == -1 || r->poll.infos[found].name == nullptr) {
+        return; // a trace on the failed look-up changed the table
+    }
+    if (channel == r->poll.infos[found].data) {
+        const int gone = events_gone(r, found, channel);
+        if (gone != 0) {
+            pv_event_delete(r, found, gone);
+        }
+        return;
+    }
+    r->poll.infos[found].data = nullptr; // no longer ours to look at
+    pv_event_delete(r, found, allEvents);
+}
+
 Tcl_Obj* pv_reactor_item_name(const PVReactor* r, size_t position) {
     void* data = r->poll.infos[position].data;
     if (r->poll.items[position].socket != nullptr) {
@@ -438,6 +501,7 @@ Tcl_Obj* pv_reactor_item_name(const PVReactor* r, size_t position) {
 
 int pv_event_register_fd(void* reactor, int fd, short event) {
     auto* r = static_cast<PVReactor*>(reactor);
+    pv_event_refresh_all(r); // the number may be that of a channel that has gone
     int position = pv_event_find_chan(r, fd);
     if (position != -1) {
         return position;

@@ -36,8 +36,18 @@ int pv_event_get(PVReactor* r, const char* name, short event);
  * Sets the script of name for event, or deletes it when the script is empty.  The
  * table stores script itself, or a duplicate when somebody else holds it too, with a
  * reference of its own.  Returns and reports as pv_event_get; the result is empty.
+ * A table that zmq_poll could not count gives "ZMQ" "REACTOR" "EVENT" "FULL" name.
  */
 int pv_event_set(PVReactor* r, const char* name, short event, Tcl_Obj* script);
+
+/*
+ * Handlers leave with the descriptor of their channel: a channel may be closed in one
+ * direction only, closed in this interpreter while another one keeps it, or handed to
+ * another thread, and none of these is announced.  Drops what has gone of the entry at
+ * position, or of all; later entries may move down.
+ */
+void pv_event_refresh(PVReactor* r, size_t position);
+void pv_event_refresh_all(PVReactor* r);
 
 /*
  * A new object, without a reference, with the name of the entry at position: a

@@ -156,12 +156,15 @@ int pv_bgerror_get(PVBgerror* s) {
 }
 
 /*
- * Begins a handler call: the words of the prefix.  A prefix that is no list stays one
- * word, so that the call fails with a message that shows it.
+ * Begins a handler call: the words of the prefix.  A prefix that is no list, or has no
+ * word, stays one word: the call fails with a message that shows it, and what comes
+ * behind it is never taken for a command.
  */
 Tcl_Obj* handler_call(Tcl_Obj* prefix) {
+    int words = 0;
     Tcl_Obj* call = Tcl_NewListObj(0, nullptr);
-    if (Tcl_ListObjAppendList(nullptr, call, prefix) != TCL_OK) {
+    if (Tcl_ListObjAppendList(nullptr, call, prefix) != TCL_OK ||
+        Tcl_ListObjLength(nullptr, call, &words) != TCL_OK || words == 0) {
         Tcl_ListObjAppendElement(nullptr, call, prefix);
     }
     return call;
@@ -186,6 +189,11 @@ void pv_bgerror_msg_report(const char* message) {
     char now[128];
     timestamp(now, sizeof now);
     fprintf(stderr, "%s:-:error:[%d]:-:bgerror: %s", now, getpid(), message);
+}
+
+void no_record(int code) {
+    fprintf(stderr, "-- %s: failed to get bgerror instance for error code %d\n",
+            "pv_bgerror_code", code);
 }
 
 /* Gives the message to the handler; false when there is none or it fails. */
@@ -240,11 +248,22 @@ int pv_cmd_bgerror(ClientData /*unused*/, Tcl_Interp* interp, int objc,
     return pv_bgerror_get(s);
 }
 
+void pv_bgerror_eval(Tcl_Interp* interp, Tcl_Obj* script, int flags) {
+    const int code = Tcl_EvalObjEx(interp, script, flags);
+    if (code == TCL_OK) {
+        return;
+    }
+    if (Tcl_InterpDeleted(interp) != 0) {
+        no_record(code);
+    } else {
+        pv_bgerror_code(code);
+    }
+}
+
 void pv_bgerror_code(int code) {
     const PVBgerror* s = thread_bgerror(nullptr);
     if (s == nullptr) {
-        fprintf(stderr, "-- %s: failed to get bgerror instance for error code %d\n",
-                "pv_bgerror_code", code);
+        no_record(code);
         return;
     }
     const InterpHold interp(s->interp);

@@ -20,9 +20,18 @@ int pv_cmd_bgerror(ClientData unused, Tcl_Interp* interp, int objc,
                    Tcl_Obj* const objv[]);
 
 /*
+ * Evaluates a script, held by the caller, and reports any code but TCL_OK as
+ * pv_bgerror_code does.  flags: as Tcl_EvalObjEx takes them.  When the script deleted
+ * interp, which the caller holds, the report goes to standard error even if another
+ * interpreter has set up a store meanwhile.
+ */
+void pv_bgerror_eval(Tcl_Interp* interp, Tcl_Obj* script, int flags);
+
+/*
  * Reports a script that returned code, any but TCL_OK, while the interpreter's result
  * and return options still describe the failure: to the handler, or to standard error
- * when there is none or it fails.  Leaves the interpreter's result empty.
+ * when there is none or it fails.  Leaves the interpreter's result empty when a
+ * handler ran.
  */
 void pv_bgerror_code(int code);
 

@@ -82,6 +82,7 @@ int pv_cmd_events(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const obj
         Tcl_WrongNumArgs(interp, 2, objv, nullptr);
         return TCL_ERROR;
     }
+    pv_event_refresh_all(r);
     Tcl_Obj* events = Tcl_NewDictObj();
     for (size_t i = 0; i < r->poll.nitems; i++) {
         const bool signals = pv_signal_fd(r->signal, r->poll.items[i].fd);

@@ -15,6 +15,7 @@
 #include "reactor_record.h"
 #include "reactor_signal.h"
 #include "reactor_timer.h"
+#include "reactor_timer_clock.h"
 #include "tclsupport.h"
 #include "utils.h"
 
@@ -49,10 +50,7 @@ void evaluate(PVReactor* r, Tcl_Obj* script) {
         return;
     }
     const ObjRef held(script);
-    const int code = Tcl_EvalObjEx(r->interp, script, TCL_EVAL_GLOBAL);
-    if (code != TCL_OK) {
-        pv_bgerror_code(code);
-    }
+    pv_bgerror_eval(r->interp, script, TCL_EVAL_GLOBAL);
 }
 
 void pv_reactor_dispatch_pollin(PVReactor* r, int fd, Tcl_Obj* script) {
@@ -108,6 +106,7 @@ void dispatch_entry(const Pass& pass, size_t i) {
 void pv_reactor_dispatch(const Pass& pass) {
     for (size_t i = 0; pass_lives(pass) && i < pass.r->poll.nitems; i++) {
         if (pass.r->poll.items[i].revents != 0) {
+            pv_event_refresh(pass.r, i);
             dispatch_entry(pass, i);
         }
     }
@@ -128,38 +127,52 @@ void pv_reactor_poll_error(int error) {
             zmq_strerror(error));
 }
 
-/*
- * Before a poll that follows failed ones: waits a little, longer each time, but never
- * past the next due timer.  pause: milliseconds of the last wait, 0 after a success.
- */
-void pause_after_failure(PVReactor* r, long* pause) {
-    const long due = pv_schedule_timeout(r->timer);
-    *pause = *pause == 0 ? 1 : *pause * 2;
-    if (*pause > pauseMax) {
-        *pause = pauseMax;
+/* Between failed polls nothing but timers runs, a little longer each time. */
+struct Backoff {
+    long pause = 0;          // milliseconds of the last pause, 0 after a success
+    Tcl_Time until = {0, 0}; // its end
+};
+
+void backoff_grow(Backoff* backoff) {
+    Tcl_Time now;
+    backoff->pause = backoff->pause == 0 ? 1 : backoff->pause * 2;
+    if (backoff->pause > pauseMax) {
+        backoff->pause = pauseMax;
     }
-    poll(nullptr, 0, static_cast<int>(due >= 0 && due < *pause ? due : *pause));
+    Tcl_GetTime(&now);
+    backoff->until = pv_clock_after(now, backoff->pause);
 }
 
-/* One iteration; failed tells whether the last poll failed. */
-void loop_once(const Pass& pass, bool* failed, long* pause) {
-    PVReactor* r = pass.r;
-    if (*failed) {
-        pause_after_failure(r, pause);
-    } else {
-        *pause = 0;
+/* What is left of the pause, no longer than until the next due timer; 0: it is over. */
+bool backoff_wait(const Backoff& backoff, PVReactor* r) {
+    Tcl_Time now;
+    if (backoff.pause == 0) {
+        return false;
     }
+    Tcl_GetTime(&now);
+    const long left = diff_for_timeout(now, backoff.until);
+    if (left == 0 || left > backoff.pause) {
+        return false; // over, or the clock was set back
+    }
+    const long due = pv_schedule_due(r->timer);
+    poll(nullptr, 0, static_cast<int>(due >= 0 && due < left ? due : left));
+    return true;
+}
+
+/* Waits for events and dispatches them. */
+void poll_once(const Pass& pass, Backoff* backoff) {
+    PVReactor* r = pass.r;
     const long timeout = pv_schedule_timeout(r->timer);
     const int ready =
         pv_poll_wait(r->poll.items, static_cast<int>(r->poll.nitems), timeout);
-    *failed = ready < 0;
     if (ready < 0) {
         pv_reactor_poll_error(errno);
-    } else if (ready > 0 && r->running) {
-        pv_reactor_dispatch(pass);
+        backoff_grow(backoff);
+        return;
     }
-    if (pass_lives(pass)) {
-        pv_schedule_dispatch(r->timer);
+    backoff->pause = 0;
+    if (ready > 0 && r->running) {
+        pv_reactor_dispatch(pass);
     }
 }
 
@@ -184,13 +197,17 @@ void pv_reactor_running(PVReactor* r, bool running) {
 void pv_reactor_loop(PVReactor* r) {
     const InterpHold interp(r->interp);
     const Pass pass = {r, r->generation};
-    bool failed = false;
-    long pause = 0;
+    Backoff backoff;
     if (debugging()) {
         log_output("pv_reactor_loop", "entering");
     }
     while (pass_lives(pass) && r->running) {
-        loop_once(pass, &failed, &pause);
+        if (!backoff_wait(backoff, r)) {
+            poll_once(pass, &backoff);
+        }
+        if (pass_lives(pass)) {
+            pv_schedule_dispatch(r->timer);
+        }
     }
     if (pass_lives(pass)) {
         forget_events(r);

@@ -12,6 +12,7 @@
 /* What belongs to one entry of the handler table. */
 struct PVPollInfo {
     void* data;     // socket: PVSockData; channel: Tcl_Channel; descriptor: null
+    Tcl_Obj* name;  // channel: its name, one reference; others: null
     Tcl_Obj* read;  // script for readable, one reference, or null
     Tcl_Obj* write; // script for writable, one reference, or null
 };

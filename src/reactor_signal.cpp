@@ -89,11 +89,7 @@ void pv_signal_dispatch_handler(const PVSignal* s, int sig) {
                        "pv_signal_dispatch_handler", signal_name(sig));
         return;
     }
-    const int code =
-        Tcl_EvalObjEx(s->interp, command.get(), TCL_EVAL_GLOBAL | TCL_EVAL_DIRECT);
-    if (code != TCL_OK) {
-        pv_bgerror_code(code);
-    }
+    pv_bgerror_eval(s->interp, command.get(), TCL_EVAL_GLOBAL | TCL_EVAL_DIRECT);
 }
 
 /* Tells whether signals may be read: the reactor runs, and a descriptor is open. */

@@ -85,31 +85,44 @@ int pv_signal_fd_remove(PVSignal* s, int sig) {
     return pv_signal_block_sig(s, SIG_UNBLOCK, sig);
 }
 
-/* What default and ignore share: a list, or one signal's new disposition. */
-int signal_disposition(PVSignal* s, int objc, Tcl_Obj* const objv[],
-                       PVSigHandler handler) {
-    if (objc > 4) {
-        Tcl_WrongNumArgs(s->interp, 3, objv, "?signal?");
-        return TCL_ERROR;
-    }
-    if (objc == 3) {
-        return pv_signal_state_get(s->interp, handler);
-    }
-    const int sig = signal_parse(s->interp, objv[3]);
+/* Gives one signal a disposition and ends its trap. */
+int signal_trap_end(PVSignal* s, Tcl_Obj* signal, PVSigHandler handler) {
+    const int sig = signal_parse(s->interp, signal);
     if (sig == -1 || pv_signal_action(s, sig, handler) != TCL_OK) {
         return TCL_ERROR;
     }
     return pv_signal_fd_remove(s, sig);
 }
 
+int pv_signal_trap_default(PVSignal* s, Tcl_Obj* signal) {
+    return signal_trap_end(s, signal, SIG_DFL);
+}
+
+int pv_signal_trap_ignore(PVSignal* s, Tcl_Obj* signal) {
+    return signal_trap_end(s, signal, SIG_IGN);
+}
+
+int wrong_disposition_arguments(PVSignal* s, Tcl_Obj* const objv[]) {
+    Tcl_WrongNumArgs(s->interp, 3, objv, "?signal?");
+    return TCL_ERROR;
+}
+
 /* ::qel::reactor signal default ?signal? */
 int pv_signal_cmd_default(PVSignal* s, int objc, Tcl_Obj* const objv[]) {
-    return signal_disposition(s, objc, objv, SIG_DFL);
+    if (objc > 4) {
+        return wrong_disposition_arguments(s, objv);
+    }
+    return objc == 3 ? pv_signal_state_get(s->interp, SIG_DFL)
+                     : pv_signal_trap_default(s, objv[3]);
 }
 
 /* ::qel::reactor signal ignore ?signal? */
 int pv_signal_cmd_ignore(PVSignal* s, int objc, Tcl_Obj* const objv[]) {
-    return signal_disposition(s, objc, objv, SIG_IGN);
+    if (objc > 4) {
+        return wrong_disposition_arguments(s, objv);
+    }
+    return objc == 3 ? pv_signal_state_get(s->interp, SIG_IGN)
+                     : pv_signal_trap_ignore(s, objv[3]);
 }
 
 /* A trapped signal that were unblocked would meet its disposition instead. */

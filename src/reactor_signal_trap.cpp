@@ -44,6 +44,17 @@ int pv_signal_trap_get(PVSignal* s, Tcl_Obj* signal) {
 }
 
 /*
+ * Takes a blocking back, without a report of its own: the step that failed gives the
+ * message, and a report runs scripts.
+ */
+void signal_unblock_again(int sig) {
+    sigset_t mask;
+    if (sigemptyset(&mask) == 0 && sigaddset(&mask, sig) == 0) {
+        pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+    }
+}
+
+/*
  * Registers the descriptor with the reactor.  When that fails the signal leaves the
  * descriptor's mask and is unblocked again; the descriptor stays open for the next
  * trap.
@@ -53,7 +64,7 @@ int descriptor_register(PVSignal* s, int sig, sigset_t* mask) {
         return TCL_OK;
     }
     if (sigdelset(mask, sig) == 0 && signalfd(s->fd, mask, descriptorFlags) != -1) {
-        pv_signal_block_sig(s, SIG_UNBLOCK, sig);
+        signal_unblock_again(sig);
     }
     return fail(s->interp, "failed to register signal descriptor", "QEL", "SIGNAL",
                 "FD", "REGISTER");
@@ -64,7 +75,7 @@ int descriptor_add(PVSignal* s, int sig, sigset_t* mask) {
     const int fd = signalfd(s->fd, mask, descriptorFlags);
     if (fd == -1) {
         const int error = errno;
-        pv_signal_block_sig(s, SIG_UNBLOCK, sig);
+        signal_unblock_again(sig);
         return fail(s->interp,
                     Tcl_ObjPrintf("failed signalfd: %s", Tcl_ErrnoMsg(error)), "QEL",
                     "SIGNAL", "FD");

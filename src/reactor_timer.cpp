@@ -237,6 +237,16 @@ constexpr AfterOption after_options[] = {
 
 void pv_timer_interp_deleted(ClientData clientData, Tcl_Interp* interp);
 
+/*
+ * Ids go on counting: one that a script still holds must not come to name another task
+ * because the store was set up anew.
+ */
+void timer_clear(PVTimer* s) {
+    const unsigned long nextId = s->nextId;
+    *s = PVTimer();
+    s->nextId = nextId;
+}
+
 /* At thread exit, or when the store's interpreter is gone. */
 void pv_timer_destroy(ClientData clientData) {
     auto* s = static_cast<PVTimer*>(clientData);
@@ -247,7 +257,7 @@ void pv_timer_destroy(ClientData clientData) {
     while (s->schedule.first != nullptr) {
         pv_task_destroy(schedule_remove(&s->schedule, nullptr));
     }
-    *s = PVTimer();
+    timer_clear(s);
     if (debugging()) {
         log_output("pv_timer_destroy", "released timer data");
     }
@@ -260,7 +270,6 @@ void pv_timer_interp_deleted(ClientData clientData, Tcl_Interp* interp) {
 }
 
 void pv_timer_init(PVTimer* s, Tcl_Interp* interp) {
-    *s = PVTimer();
     s->initialized = true;
     s->interp = interp;
     s->timeout = defaultTimeout;
@@ -331,6 +340,16 @@ long pv_schedule_timeout(void* store) {
     return diff_for_timeout(now, pv_clock_earlier(cap, due) ? cap : due);
 }
 
+long pv_schedule_due(void* store) {
+    const auto* s = static_cast<PVTimer*>(store);
+    Tcl_Time now;
+    if (s->schedule.first == nullptr) {
+        return -1;
+    }
+    Tcl_GetTime(&now);
+    return diff_for_timeout(now, s->schedule.first->time);
+}
+
 void pv_schedule_dispatch(void* store) {
     auto* s = static_cast<PVTimer*>(store);
     if (s->schedule.first == nullptr) {
@@ -342,10 +361,7 @@ void pv_schedule_dispatch(void* store) {
         if (task == nullptr) {
             return;
         }
-        const int code = Tcl_EvalObjEx(s->interp, task->proc, TCL_EVAL_GLOBAL);
-        if (code != TCL_OK) {
-            pv_bgerror_code(code);
-        }
+        pv_bgerror_eval(s->interp, task->proc, TCL_EVAL_GLOBAL);
         pv_task_destroy(task);
     }
 }

@@ -23,6 +23,9 @@ void pv_timer_running(void* store, bool running);
  */
 long pv_schedule_timeout(void* store);
 
+/* Milliseconds until the first task is due; negative when none is scheduled. */
+long pv_schedule_due(void* store);
+
 /*
  * Runs the tasks that are due and were scheduled before this call, in due order.
  * Scripts may do anything; their failures go to the background-error handler.

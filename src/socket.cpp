@@ -77,6 +77,7 @@ void pv_sockets_destroy_entries(Tcl_HashTable* table) {
          entry = Tcl_NextHashEntry(&search)) {
         PVSockData* d = record_of(token_of(table, entry));
         if (d != nullptr) {
+            pv_reactor_unregister_socket(d->reactor, d->socket);
             d->socket = nullptr;
             d->entry = nullptr;
         }
@@ -205,16 +206,14 @@ void socket_give_back(void* socket) {
  * Gives an open, counted socket its record, command and registry entry.  The socket
  * is closed and its count given back when this fails.
  */
-int pv_socket_register(Tcl_Interp* interp, const char* name, void* socket,
-                       PVSockets* p) {
+int pv_socket_register(Tcl_Interp* interp, const char* name, const DString& full,
+                       void* socket, PVSockets* p) {
     PVSockData* d = record_new(interp, name, socket);
     if (d == nullptr) {
         socket_give_back(socket);
         return fail(interp, "failed to allocate data for socket", "ZMQ", "SOCKET",
                     "DATA", "ALLOC");
     }
-    DString full;
-    pv_socket_name_fq(interp, name, full);
     d->token = Tcl_CreateObjCommand(interp, full.value(), pv_socket_command, d,
                                     pv_socket_delete);
     if (d->token == nullptr) {
@@ -265,7 +264,14 @@ int pv_socket_cmd_create(Tcl_Interp* interp, const char* name, Tcl_Obj* otype) {
         return fail(interp, "failed to get sockets thread data", "ZMQ", "SOCKET",
                     "CREATE", "DATA");
     }
-    if (pv_socket_name_exists(interp, name)) {
+    DString full;
+    if (!full.good()) {
+        return fail(interp, "failed to allocate DString", "ZMQ", "NAME", "FQ", name);
+    }
+    pv_socket_name_fq(interp, name, full);
+    // A name such as ":x" becomes ":::x", which is "::x": both are looked at.
+    if (pv_socket_name_exists(interp, name) ||
+        pv_socket_name_exists(interp, full.value())) {
         return fail(interp,
                     Tcl_ObjPrintf("can't create socket \"%s\": command already exists "
                                   "with that name",
@@ -300,7 +306,7 @@ int pv_socket_cmd_create(Tcl_Interp* interp, const char* name, Tcl_Obj* otype) {
     if (debugging()) {
         log_output("pv_socket_cmd_create", "created socket '%s'", name);
     }
-    return pv_socket_register(interp, name, socket, p);
+    return pv_socket_register(interp, name, full, socket, p);
 }
 
 /* ::zmq::socket create name type */
@@ -312,33 +318,43 @@ int socket_create(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     return pv_socket_cmd_create(interp, Tcl_GetString(objv[2]), objv[3]);
 }
 
-/* ::zmq::socket new type */
-int pv_socket_cmd_new(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+int pv_socket_cmd_new(Tcl_Interp* interp, Tcl_Obj* otype) {
     char name[37];
-    if (objc != 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "type");
-        return TCL_ERROR;
-    }
     PVSockets* p = pv_sockets(interp);
     if (p == nullptr) {
         return fail(interp, "failed to get sockets thread data", "ZMQ", "SOCKET", "NEW",
                     "DATA");
     }
     pv_socket_name_default(interp, name, sizeof name, &p->counter);
-    if (pv_socket_cmd_create(interp, name, objv[2]) != TCL_OK) {
+    if (pv_socket_cmd_create(interp, name, otype) != TCL_OK) {
         return TCL_ERROR;
     }
     Tcl_SetObjResult(interp, Tcl_ObjPrintf("%s", name));
     return TCL_OK;
 }
 
-/* ::zmq::socket names */
-int pv_socket_cmd_names(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    Tcl_HashSearch search;
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
+/* ::zmq::socket new type */
+int socket_new(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc != 3) {
+        Tcl_WrongNumArgs(interp, 2, objv, "type");
         return TCL_ERROR;
     }
+    return pv_socket_cmd_new(interp, objv[2]);
+}
+
+/*
+ * Tells whether a full name is no name: that of a command whose deletion is under way
+ * and has taken its last part already, seen from a trace on the deletion.
+ */
+bool name_is_gone(Tcl_Interp* interp, Tcl_Obj* full, Tcl_Command token) {
+    int length;
+    const char* name = Tcl_GetStringFromObj(full, &length);
+    return length >= 2 && strcmp(name + length - 2, "::") == 0 &&
+           Tcl_FindCommand(interp, name, nullptr, 0) != token;
+}
+
+int pv_socket_cmd_names(Tcl_Interp* interp) {
+    Tcl_HashSearch search;
     PVSockets* p = pv_sockets(interp);
     if (p == nullptr) {
         return fail(interp, "failed to get sockets thread data", "ZMQ", "SOCKET",
@@ -348,12 +364,22 @@ int pv_socket_cmd_names(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     for (Tcl_HashEntry* entry = Tcl_FirstHashEntry(p->table, &search); entry != nullptr;
          entry = Tcl_NextHashEntry(&search)) {
         const PVSockData* d = record_of(token_of(p->table, entry));
-        if (d != nullptr) {
-            Tcl_ListObjAppendElement(nullptr, names, pv_socket_name(interp, d));
+        const ObjRef name(d != nullptr ? pv_socket_name(interp, d) : nullptr);
+        if (d != nullptr && !name_is_gone(d->interp, name.get(), d->token)) {
+            Tcl_ListObjAppendElement(nullptr, names, name.get());
         }
     }
     Tcl_SetObjResult(interp, names);
     return TCL_OK;
+}
+
+/* ::zmq::socket names */
+int socket_names(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc != 2) {
+        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
+        return TCL_ERROR;
+    }
+    return pv_socket_cmd_names(interp);
 }
 
 struct Subcommand {
@@ -362,9 +388,9 @@ struct Subcommand {
 };
 
 constexpr Subcommand subcommands[] = {
-    {"new", pv_socket_cmd_new},
+    {"new", socket_new},
     {"create", socket_create},
-    {"names", pv_socket_cmd_names},
+    {"names", socket_names},
     {nullptr, nullptr},
 };
 

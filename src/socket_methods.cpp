@@ -167,7 +167,7 @@ int pv_socket_meth_send(PVSockData* d, Tcl_Interp* interp, int objc,
 struct RecvFailure {
     const char* what = nullptr; // the message, null while all is well
     const char* word = nullptr; // last word of the error code
-    int error = 0;              // ZeroMQ's error number, 0: not part of the message
+    int error = -1;             // ZeroMQ's error number, -1: not part of the message
 };
 
 int frames_follow(void* socket, int* more) {
@@ -206,16 +206,16 @@ RecvFailure recv_frame(void* socket, int flags, Tcl_Obj* frames, Tcl_WideInt* to
     *more = 1; // until ZeroMQ tells: a failure from here on discards the rest
     const size_t size = zmq_msg_size(frame.get());
     if (size > frameMax) {
-        return {"failed to create byte array for frame", "BYTES", 0};
+        return {"failed to create byte array for frame", "BYTES"};
     }
     const ObjRef bytes(Tcl_NewByteArrayObj(
         static_cast<const unsigned char*>(zmq_msg_data(frame.get())),
         static_cast<int>(size)));
     if (frame.close() == -1) {
-        return {"failed to release frame", "CLOSE", 0};
+        return {"failed to release frame", "CLOSE"};
     }
     if (Tcl_ListObjAppendElement(nullptr, frames, bytes.get()) != TCL_OK) {
-        return {"failed to append bytes to list", "APPEND", 0};
+        return {"failed to append bytes to list", "APPEND"};
     }
     if (frames_follow(socket, more) == -1) {
         return {"failed to check for more frames", "GETSOCKOPT", zmq_errno()};
@@ -225,9 +225,9 @@ RecvFailure recv_frame(void* socket, int flags, Tcl_Obj* frames, Tcl_WideInt* to
 }
 
 int fail_recv(Tcl_Interp* interp, const RecvFailure& failure) {
-    Tcl_Obj* message = failure.error != 0 ? Tcl_ObjPrintf("%s: %s", failure.what,
-                                                          zmq_strerror(failure.error))
-                                          : Tcl_NewStringObj(failure.what, -1);
+    Tcl_Obj* message = failure.error != -1 ? Tcl_ObjPrintf("%s: %s", failure.what,
+                                                           zmq_strerror(failure.error))
+                                           : Tcl_NewStringObj(failure.what, -1);
     return fail(interp, message, "ZMQ", "SOCKET", "RECV", failure.word);
 }
 

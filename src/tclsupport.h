@@ -102,27 +102,35 @@ class InterpHold {
     Tcl_Interp* interp_;
 };
 
-/* A dynamic string for a scope. */
+/* A dynamic string for a scope; good tells whether memory was there for it. */
 class DString {
   public:
-    DString() {
-        Tcl_DStringInit(&text_);
+    DString() : text_(reinterpret_cast<Tcl_DString*>(Tcl_AttemptAlloc(sizeof *text_))) {
+        if (text_ != nullptr) {
+            Tcl_DStringInit(text_);
+        }
     }
     ~DString() {
-        Tcl_DStringFree(&text_);
+        if (text_ != nullptr) {
+            Tcl_DStringFree(text_);
+            Tcl_Free(reinterpret_cast<char*>(text_));
+        }
     }
     DString(const DString&) = delete;
     DString& operator=(const DString&) = delete;
+    bool good() const {
+        return text_ != nullptr;
+    }
     DString& append(const char* text) {
-        Tcl_DStringAppend(&text_, text, -1);
+        Tcl_DStringAppend(text_, text, -1);
         return *this;
     }
     const char* value() const {
-        return Tcl_DStringValue(&text_);
+        return Tcl_DStringValue(text_);
     }
 
   private:
-    Tcl_DString text_;
+    Tcl_DString* text_;
 };
 
 /* Holds a Tcl mutex for a scope. */

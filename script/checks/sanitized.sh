@@ -1,0 +1,30 @@
+# sanitized.sh -- sourced by checks that run scripts on a sanitized library.
+#
+#   sanitized asan|tsan ?compiler?   builds it and sets the environment of "run"
+#   run script ?arg ...?             runs a tclsh on it; a report ends it with status 99
+#
+# Tcl's allocator becomes malloc, so that the sanitizers see every block.
+
+sanitized() {
+    local preset=$1 compiler=${2:-g++} runtime
+    build=$PWD/build-$preset
+    [ "$compiler" = g++ ] || build=$build-$compiler
+    CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
+        cmake --preset "$preset" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
+    cmake --build "$build" >/dev/null
+    case $preset-$compiler in
+        asan-g++) runtime=libasan.so ;;
+        tsan-g++) runtime=libtsan.so ;;
+        asan-clang++) runtime=libclang_rt.asan-x86_64.so ;;
+        tsan-clang++) runtime=libclang_rt.tsan-x86_64.so ;;
+    esac
+    preload=$("$compiler" -print-file-name=$runtime):$build/tests/tclmalloc.so
+}
+
+run() {
+    LD_PRELOAD=$preload TCLLIBPATH=$build PARVO_SANITIZED=1 \
+        ASAN_OPTIONS=detect_leaks=0:exitcode=99 \
+        UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:exitcode=99 \
+        TSAN_OPTIONS=exitcode=99:suppressions=$PWD/tests/tsan.supp "${prefix[@]}" tclsh "$@"
+}
+prefix=()
