@@ -1,52 +1,92 @@
 # Where things go, and the packages made from them.
 #
 # Debian's tclsh looks below PREFIX/lib/tcltk for the prefixes /usr and /usr/local, and
-# for /usr also in the directory of the architecture, which is where packages put
-# libraries.
+# for /usr also in the directory of the architecture.  That one is the place of packaged
+# libraries, whose manual pages are in section 3tcl.  These are no cache entries: a
+# build directory that is configured again for another prefix must not keep them.
 
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(parvo_libdir lib/tcltk)
+set(parvo_section n)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND CMAKE_LIBRARY_ARCHITECTURE)
   set(parvo_libdir "lib/tcltk/${CMAKE_LIBRARY_ARCHITECTURE}")
+  set(parvo_section 3tcl)
 endif()
-set(PARVO_LIBDIR "${parvo_libdir}" CACHE STRING "Tcl's package directory below the prefix")
-set(PARVO_MAN_SECTION n CACHE STRING "Section of the manual pages (3tcl in Debian)")
-set(PARVO_DOCDIR share/doc/tcl-parvo CACHE STRING "Documentation below the prefix")
+if(NOT DEFINED PARVO_LIBDIR) # Tcl's package directory below the prefix
+  set(PARVO_LIBDIR "${parvo_libdir}")
+endif()
+if(NOT DEFINED PARVO_MAN_SECTION)
+  set(PARVO_MAN_SECTION "${parvo_section}")
+endif()
+set(PARVO_DOCDIR share/doc/tcl-parvo)
+
+# The files installed can be read by everyone, whatever the umask of the clone was.
+set(parvo_file OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(parvo_program ${parvo_file} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
 install(TARGETS parvo DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES "${PROJECT_BINARY_DIR}/pkgIndex.tcl"
   DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES README.md DESTINATION "${PARVO_DOCDIR}")
+# The scripts at the top, and a main.tcl further down, are programs.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
-  USE_SOURCE_PERMISSIONS PATTERN "__pycache__" EXCLUDE)
+  FILE_PERMISSIONS ${parvo_file} DIRECTORY_PERMISSIONS ${parvo_program}
+  PATTERN "__pycache__" EXCLUDE
+  REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl)$" PERMISSIONS ${parvo_program})
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
 
-# Debian keeps changelogs compressed, and wants a copyright file.
+# Debian keeps changelogs compressed, has one of its own, and wants a copyright file.
 find_program(GZIP gzip REQUIRED)
-add_custom_command(OUTPUT changelog.gz
+set(parvo_contact "Parvo maintainers <maintainers@parvo.invalid>")
+string(TIMESTAMP parvo_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(WRITE "${PROJECT_BINARY_DIR}/changelog.Debian"
+"tcl-parvo (${PROJECT_VERSION}-1) unstable; urgency=medium
+
+  * Package of version ${PROJECT_VERSION}; what has changed is in changelog.gz.
+
+ -- ${parvo_contact}  ${parvo_date}
+")
+add_custom_command(OUTPUT changelog.gz changelog.Debian.gz
   COMMAND "${GZIP}" -9nc "${PROJECT_SOURCE_DIR}/CHANGELOG.md" > changelog.gz
+  COMMAND "${GZIP}" -9nc changelog.Debian > changelog.Debian.gz
   DEPENDS CHANGELOG.md VERBATIM)
 add_custom_target(changelog ALL DEPENDS changelog.gz)
 install(FILES "${PROJECT_BINARY_DIR}/changelog.gz" DESTINATION "${PARVO_DOCDIR}")
 install(FILES LICENSE RENAME copyright DESTINATION "${PARVO_DOCDIR}")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  install(FILES "${PROJECT_BINARY_DIR}/changelog.Debian.gz" DESTINATION "${PARVO_DOCDIR}")
+endif()
 
+set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tcl-parvo)
 set(CPACK_PACKAGE_VENDOR "Parvo")
-set(CPACK_PACKAGE_CONTACT "Parvo maintainers <maintainers@parvo.invalid>")
+set(CPACK_PACKAGE_CONTACT "${parvo_contact}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "ZeroMQ sockets and a reactor for Tcl")
 set(CPACK_PACKAGE_DESCRIPTION
 "Gives Tcl scripts ZeroMQ sockets as object commands, a one-shot poll, and a
- single-threaded reactor for worker processes: sockets, channels, timers, POSIX
- signals and background errors.")
-set(CPACK_PACKAGE_FILE_NAME "tcl-parvo_${PROJECT_VERSION}")
+single-threaded reactor for worker processes: sockets, channels, timers, POSIX
+signals and background errors.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION interpreters)
+# The dynamic linker's view is inspected; it does not see Tcl, which comes by its stubs.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "tcl (>= 8.5)")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "tcl (>= 8.5), tcl (<< 9)")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "tcl-thread, tcllib, python3-zmq")
 set(CPACK_STRIP_FILES ON)
+
+# A tree configured for another prefix would put things into the wrong places of /usr.
+file(WRITE "${PROJECT_BINARY_DIR}/CPackPrefix.cmake"
+"if(CPACK_GENERATOR STREQUAL \"DEB\" AND NOT \"${CMAKE_INSTALL_PREFIX}\" STREQUAL \"/usr\")
+  message(FATAL_ERROR \"Use script/package, or configure with -DCMAKE_INSTALL_PREFIX=/usr\")
+endif()
+")
+set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_BINARY_DIR}/CPackPrefix.cmake")
+
+# The source is this directory, whose own name may hold anything, without what is made in it.
+string(REGEX REPLACE "([][+.*()^$?|\\\\])" "\\\\\\1" parvo_here "${PROJECT_SOURCE_DIR}")
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_PACKAGE_FILE_NAME "parvo-${PROJECT_VERSION}")
-set(CPACK_SOURCE_IGNORE_FILES "/build[^/]*/;/\\\\.git/;/_CPack_Packages/;\\\\.deb$;\\\\.tar\\\\.gz$;__pycache__")
+set(CPACK_SOURCE_IGNORE_FILES "^${parvo_here}/build[^/]*/" "^${parvo_here}/_CPack_Packages/"
+  "^${parvo_here}/\\.git(/|$)" "^${parvo_here}/[^/]*\\.(deb|tar\\.gz)$" "/__pycache__/")
 include(CPack)
