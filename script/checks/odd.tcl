@@ -61,6 +61,9 @@ proc timed {s} {
     catch {$s configure -sndtimeo 1}
 }
 proc run_reactor {} {
+    if {[llength [::qel::reactor event ::guard writable]] > 0} {
+        ::qel::reactor start ;# refused: the loop that runs keeps its guard
+    }
     set ::rounds 0
     ::qel::reactor event ::guard writable {
         if {[incr ::rounds] > 3} {::qel::reactor stop}
@@ -114,7 +117,9 @@ proc swallow {args} {}
 # Commands that would end, stop or mislead the check itself.
 proc harmless {command} {
     lassign $command name sub
-    if {$name in {guard ::guard}} {return 0}
+    foreach word $command {
+        if {[string match *guard* $word]} {return 0}
+    }
     if {$name eq "::zmq::poll" && [string is wideinteger -strict [lindex $command end]]
         && [lindex $command end] ni {0 1}} {return 0}
     if {$name eq "rename" && ![string match ::zmq::zsock* $sub] && $sub ni $::names} {return 0}
@@ -132,7 +137,7 @@ proc step {n} {
             exit 1
         }
         if {[llength [::zmq::socket names]] > 40} {
-            foreach s [::zmq::socket names] {if {$s ne "::guard"} {catch {$s close}}}
+            foreach s [::zmq::socket names] {if {![string match ::guard* $s]} {catch {$s close}}}
         }
     }
 }
@@ -143,15 +148,6 @@ proc step {n} {
 ::guarded connect inproc://guard
 while {$done < $count} {
     step 1
-    # The guard is a socket like any other: what removed it is no fault.
-    if {[info commands ::guard] eq "" || [info commands ::guarded] eq ""} {
-        catch {::guard close}
-        catch {::guarded close}
-        ::zmq::socket create ::guard PUSH
-        ::guard bind inproc://guard[incr guards]
-        ::zmq::socket create ::guarded PULL
-        ::guarded connect inproc://guard$guards
-    }
 }
 puts "$done commands"
 exit 0
