@@ -251,9 +251,13 @@ int chan_to_fd(Tcl_Interp* interp, const char* name, short event, Tcl_Channel* f
     return static_cast<int>(reinterpret_cast<intptr_t>(handle));
 }
 
-int table_full(Tcl_Interp* interp, const char* name) {
-    return fail(interp, Tcl_ObjPrintf("too many handlers to add \"%s\"", name), "ZMQ",
-                "REACTOR", "EVENT", "FULL", name);
+/* Passes a position on; -1, for no room in the table, leaves an error. */
+int position_or_error(const PVReactor* r, int position, const char* name) {
+    if (position == -1) {
+        fail(r->interp, Tcl_ObjPrintf("too many handlers to add \"%s\"", name), "ZMQ",
+             "REACTOR", "EVENT", "FULL", name);
+    }
+    return position;
 }
 
 int pv_event_set_sock_handler(PVReactor* r, void* socket, short event, Tcl_Obj* script,
@@ -262,9 +266,9 @@ int pv_event_set_sock_handler(PVReactor* r, void* socket, short event, Tcl_Obj* 
     if (data == nullptr) {
         return TCL_ERROR;
     }
-    const int position = pv_event_set_sock(r, socket);
+    const int position = position_or_error(r, pv_event_set_sock(r, socket), name);
     if (position == -1) {
-        return table_full(r->interp, name);
+        return TCL_ERROR;
     }
     r->poll.infos[position].data = data;
     pv_socket_register_with_reactor(data, r);
@@ -283,9 +287,9 @@ int pv_event_set_chan_handler(PVReactor* r, const char* name, short event,
     if (fd == -1) {
         return TCL_ERROR;
     }
-    const int position = pv_event_set_chan(r, fd);
+    const int position = position_or_error(r, pv_event_set_chan(r, fd), name);
     if (position == -1) {
-        return table_full(r->interp, name);
+        return TCL_ERROR;
     }
     channel_watch(r, position, channel);
     pv_event_set_script(r, position, event, script);

@@ -254,6 +254,13 @@ Tcl_Obj* pv_socket_option_get_val(Tcl_Interp* interp, void* socket,
     return value;
 }
 
+int option_set_val(Tcl_Interp* interp, void* socket, const PVSockOpt* opt,
+                   Tcl_Obj* value) {
+    return converters[opt->type].set != nullptr
+               ? converters[opt->type].set(interp, socket, opt, value)
+               : fail_type(interp, opt, "SET");
+}
+
 /* The row of an option that direction allows, or null with an error left. */
 const PVSockOpt* option_for(Tcl_Interp* interp, const char* name,
                             bool PVSockOpt::*allowed, const char* able,
@@ -312,11 +319,5 @@ int pv_socket_option_set(Tcl_Interp* interp, void* socket, const char* name,
                          Tcl_Obj* value) {
     const PVSockOpt* opt =
         option_for(interp, name, &PVSockOpt::write, "writable", "SET");
-    if (opt == nullptr) {
-        return TCL_ERROR;
-    }
-    if (converters[opt->type].set == nullptr) {
-        return fail_type(interp, opt, "SET");
-    }
-    return converters[opt->type].set(interp, socket, opt, value);
+    return opt != nullptr ? option_set_val(interp, socket, opt, value) : TCL_ERROR;
 }

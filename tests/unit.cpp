@@ -11,10 +11,13 @@
 #include "reactor_signal_catalogue.h"
 #include "reactor_timer.h"
 #include "reactor_timer_clock.h"
+#include "socket.h"
+#include "socket_record.h"
 
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -25,8 +28,11 @@ Tcl_Time at(long sec, long usec) {
     return time;
 }
 
+} // namespace
+
 /* An interpreter with the package, for tests that need the stubs. */
-Tcl_Interp* loaded() {
+Tcl_Interp* unit_interp();
+Tcl_Interp* unit_interp() {
     static Tcl_Interp* interp = [] {
         Tcl_FindExecutable(nullptr);
         Tcl_Interp* fresh = Tcl_CreateInterp();
@@ -35,8 +41,6 @@ Tcl_Interp* loaded() {
     }();
     return interp;
 }
-
-} // namespace
 
 TEST(Clock, DifferenceForTimeout) {
     const struct {
@@ -95,7 +99,7 @@ TEST(Init, RefusesNoInterpreter) {
 }
 
 TEST(Stores, NothingIsSetUpWithoutAnInterpreter) {
-    loaded();
+    unit_interp();
     EXPECT_EQ(pv_reactor(nullptr), nullptr);
     EXPECT_EQ(pv_signal(nullptr, nullptr), nullptr);
     EXPECT_EQ(pv_timer(nullptr), nullptr);
@@ -103,7 +107,7 @@ TEST(Stores, NothingIsSetUpWithoutAnInterpreter) {
 }
 
 TEST(Stores, ReportsWithoutAStoreGoToStandardError) {
-    loaded();
+    unit_interp();
     testing::internal::CaptureStderr();
     pv_bgerror_code(TCL_BREAK);
     pv_bgerror_msg("%s: %d%%", "percent", 5);
@@ -117,7 +121,7 @@ TEST(Stores, ReportsWithoutAStoreGoToStandardError) {
 }
 
 TEST(Stores, OneSignalStoreAThread) {
-    Tcl_Interp* interp = loaded();
+    Tcl_Interp* interp = unit_interp();
     PVReactor* reactor = pv_reactor(interp);
     ASSERT_NE(reactor, nullptr);
     void* store = pv_signal(nullptr, nullptr);
@@ -131,4 +135,51 @@ TEST(Stores, OneSignalStoreAThread) {
     pv_event_unregister_fd(reactor, 12345, 2);
     EXPECT_EQ(pv_event_register_fd(reactor, 12346, 1), first);
     pv_event_unregister_fd(reactor, 12346, 1);
+}
+
+TEST(Sockets, RecordsAndTypes) {
+    PVSockData data;
+    data.socket = &data;
+    EXPECT_EQ(pv_socket_from_data(&data), &data);
+    pv_socket_register_with_reactor(nullptr, &data);
+    pv_socket_unregister_from_reactor(nullptr);
+    EXPECT_STREQ(pv_socket_type_name(99), "UNKNOWN");
+}
+
+namespace {
+
+struct Outliving {
+    Tcl_Interp* interp = nullptr;
+    int code = TCL_OK;
+    std::string message;
+};
+
+/* Runs after the sweep, as it was registered before the first socket. */
+void use_after_sweep(ClientData clientData) {
+    auto* o = static_cast<Outliving*>(clientData);
+    o->code = Tcl_EvalEx(o->interp, "outliving recv", -1, TCL_EVAL_GLOBAL);
+    o->message = Tcl_GetStringResult(o->interp);
+    Tcl_DeleteInterp(o->interp);
+}
+
+} // namespace
+
+TEST(Sockets, CommandsThatOutliveTheirThreadsSweepAreHarmless) {
+    unit_interp();
+    Outliving o;
+    std::thread([&o] {
+        o.interp = Tcl_CreateInterp();
+        Parvo_Init(o.interp);
+        Tcl_EvalEx(o.interp, "::qel::reactor stop", -1, TCL_EVAL_GLOBAL);
+        Tcl_CreateThreadExitHandler(use_after_sweep, &o);
+        EXPECT_EQ(Tcl_EvalEx(o.interp,
+                             "::zmq::socket create outliving PULL\n"
+                             "::qel::reactor event outliving readable x",
+                             -1, TCL_EVAL_GLOBAL),
+                  TCL_OK)
+            << Tcl_GetStringResult(o.interp);
+        Tcl_FinalizeThread();
+    }).join();
+    EXPECT_EQ(o.code, TCL_ERROR);
+    EXPECT_EQ(o.message, "socket was closed when its thread ended");
 }

@@ -1,8 +1,8 @@
 /*
  * fault.c -- makes the N-th call of a chosen function fail, once or for good.
  *
- * Preloaded, it stands before libzmq and libc; only calls that come from libparvo.so
- * count.  Loaded into the same tclsh as a package it gives the command
+ * Preloaded, it stands before libzmq and libc; loaded as a package, it also puts itself
+ * into Tcl's stubs table.  Only calls that come from libparvo.so count.  Loaded into the same tclsh as a package it gives the command
  *
  *   fault arm function n error ?forgood?   fails the n-th call from here on
  *   fault off                              gives how often the armed function failed
@@ -18,10 +18,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/time.h>
 #include <tcl.h>
 #include <time.h>
+#include <unistd.h>
 #include <zmq.h>
 
 static struct {
@@ -107,6 +109,10 @@ POINTER_CALL(FILE*, fopen, (const char* p, const char* m), (p, m))
 POINTER_CALL(struct tm*, localtime_r, (const time_t* t, struct tm* r), (t, r))
 POINTER_CALL(char*, strdup, (const char* s), (s))
 
+size_t strftime(char* t, size_t n, const char* f, const struct tm* m) {
+    return FAILS("strftime") ? 0 : REAL(strftime)(t, n, f, m);
+}
+
 /* Returns its error instead of leaving it in errno. */
 int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
     return FAILS("pthread_sigmask") ? armed.error : REAL(pthread_sigmask)(how, set, old);
@@ -125,9 +131,52 @@ ssize_t read(int fd, void* buffer, size_t size) {
     return REAL(read)(fd, buffer, size);
 }
 
+int vasprintf(char** text, const char* fmt, va_list args) {
+    return FAILS("vasprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
+}
+
+/* What a fortified library calls. */
 int __vasprintf_chk(char** text, int flag, const char* fmt, va_list args) {
     (void) flag;
-    return FAILS("vasprintf") ? -1 : vasprintf(text, fmt, args);
+    return FAILS("vasprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
+}
+
+/* Functions of Tcl, which the library calls through the stubs table. */
+static TclStubs real;
+
+#define STUB(type, slot, params, args, failure)                                        \
+    static type fault_##slot params {                                                  \
+        return FAILS(#slot) ? failure : real.slot args;                                \
+    }
+
+STUB(char*, tcl_AttemptAlloc, (unsigned n), (n), NULL)
+STUB(void*, tcl_GetThreadData, (Tcl_ThreadDataKey * k, int n), (k, n), NULL)
+STUB(Tcl_Obj*, tcl_NewStringObj, (const char* t, int n), (t, n), NULL)
+STUB(int, tcl_ListObjAppendElement, (Tcl_Interp * i, Tcl_Obj* l, Tcl_Obj* e), (i, l, e),
+     TCL_ERROR)
+STUB(int, tcl_DictObjPut, (Tcl_Interp * i, Tcl_Obj* d, Tcl_Obj* k, Tcl_Obj* v),
+     (i, d, k, v), TCL_ERROR)
+STUB(int, tcl_GetCommandInfo, (Tcl_Interp * i, const char* n, Tcl_CmdInfo* c), (i, n, c), 0)
+STUB(Tcl_Command, tcl_CreateObjCommand,
+     (Tcl_Interp * i, const char* n, Tcl_ObjCmdProc* p, ClientData c, Tcl_CmdDeleteProc* d),
+     (i, n, p, c, d), NULL)
+
+static void stubs_replace(void) {
+    TclStubs* stubs = (TclStubs*) (uintptr_t) tclStubsPtr;
+    const uintptr_t page = (uintptr_t) sysconf(_SC_PAGESIZE);
+    const uintptr_t first = (uintptr_t) stubs / page * page;
+    if (real.magic != 0) {
+        return;
+    }
+    real = *stubs;
+    mprotect((void*) first, (uintptr_t) (stubs + 1) - first, PROT_READ | PROT_WRITE);
+    stubs->tcl_AttemptAlloc = fault_tcl_AttemptAlloc;
+    stubs->tcl_GetThreadData = fault_tcl_GetThreadData;
+    stubs->tcl_NewStringObj = fault_tcl_NewStringObj;
+    stubs->tcl_ListObjAppendElement = fault_tcl_ListObjAppendElement;
+    stubs->tcl_DictObjPut = fault_tcl_DictObjPut;
+    stubs->tcl_GetCommandInfo = fault_tcl_GetCommandInfo;
+    stubs->tcl_CreateObjCommand = fault_tcl_CreateObjCommand;
 }
 
 static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
@@ -152,6 +201,7 @@ int Fault_Init(Tcl_Interp* interp) {
     if (Tcl_InitStubs(interp, "8.5", 0) == NULL) {
         return TCL_ERROR;
     }
+    stubs_replace();
     Tcl_CreateObjCommand(interp, "fault", FaultCmd, NULL, NULL);
     return TCL_OK;
 }

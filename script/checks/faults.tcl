@@ -253,6 +253,44 @@ foreach {sub} {block unblock} {
 lappend rows unblock sigismember 22 [command {::qel::reactor signal unblock {}}] \
     [numbered {failed to check signal %d against mask} {QEL SIGNAL TRAPPED}] $both
 
+# Failures of Tcl's own calls.  Stores are set up once a thread: those rows run in a
+# fresh one.
+proc there {command} {
+    if {[thread::send $::thread [list catch $command message options]] == 1} {
+        return -code error -errorcode [dict get [thread::send $::thread {set options}] -errorcode] \
+            [thread::send $::thread {set message}]
+    }
+}
+proc fresh {command} {
+    set setup {set ::thread [thread::create -joinable]; thread::send $::thread {package require zmq}}
+    list $setup [list there $command] \
+        {thread::release $::thread; thread::join $::thread}
+}
+set threadData {failed to get sockets thread data}
+set pulled {{new_pair; push send a} {pull recv} close_pair}
+lappend rows \
+  create tcl_AttemptAlloc 12 $create [list {{failed to allocate DString} {ZMQ NAME FQ s}} \
+      {{failed to allocate data for socket} {ZMQ SOCKET DATA ALLOC}}] $both \
+  create tcl_CreateObjCommand 12 $create [one {failed to create command "::s"} ZMQ SOCKET CREATE] $both \
+  create tcl_GetThreadData 12 $create [one $threadData ZMQ SOCKET CREATE DATA] $both \
+  names tcl_GetThreadData 12 [command {::zmq::socket names}] [one $threadData ZMQ SOCKET NAMES DATA] $both \
+  new tcl_GetThreadData 12 {{} {[::zmq::socket new PULL] close} {}} \
+      [list [list $threadData {ZMQ SOCKET NEW DATA}] [list $threadData {ZMQ SOCKET CREATE DATA}]] $both \
+  bgerror tcl_GetThreadData 12 [command {::qel::reactor bgerror}] [list \
+      {{failed to get reactor thread data} {ZMQ REACTOR THREAD DATA}} \
+      {{failed to get bgerror thread data} {QEL REACTOR BGERROR THREAD DATA}}] 0 \
+  timestamp tcl_NewStringObj 12 [command {::qel::timestamp}] \
+      [one {failed to allocate Tcl string} QEL TIMESTAMP] 0 \
+  recv tcl_ListObjAppendElement 12 $pulled [one {failed to append bytes to list} ZMQ SOCKET RECV APPEND] $both \
+  poll tcl_ListObjAppendElement 12 {{new_pair; push send a} {::zmq::poll pull 100} close_pair} [one {} NONE] $both \
+  list-default tcl_ListObjAppendElement 12 [command {::qel::reactor signal default}] [all {} NONE] $both \
+  get-all tcl_DictObjPut 12 {{::zmq::socket create s SUB} {s configure} {s close}} \
+      [lmap o $readable {list "failed to add option $o to result" {ZMQ SOCKET GET}}] $both \
+  get-trap tcl_DictObjPut 12 {{::qel::reactor signal trap USR2 x} {::qel::reactor signal trap USR2} signals_default} \
+      [one {failed to get handler for signal SIGUSR2} QEL SIGNAL TRAP GET] $both \
+  event tcl_GetCommandInfo 12 {{new_pair} {::qel::reactor event pull readable x} close_pair} \
+      [one {invalid command name "pull"} ZMQ SOCKET DATA pull] $both
+
 foreach {name function error scenario wants modes} $rows {
     walk $name $function $error {*}$scenario $wants $modes
 }
@@ -279,7 +317,7 @@ proc observe {name function error command check want {forgood 0}} {
     expect $name [list $result [uplevel #0 $check]] [list ok $want]
 }
 proc silent {} {}
-foreach {function} {gettimeofday localtime_r} {
+foreach {function} {gettimeofday localtime_r strftime} {
     observe timestamp $function 22 {set ::t [::qel::timestamp]} {set ::t} {}
 }
 set logFile $work/log
@@ -325,6 +363,21 @@ observe dispatch-format vasprintf 12 {
     signals_default
 } {info exists ::reported} 0
 
+# Messages to another thread start Tcl's notifier thread, which would take signals: these
+# come last.
+set threadRows [list \
+  names tcl_AttemptAlloc 12 [fresh {::zmq::socket names}] [one $threadData ZMQ SOCKET NAMES DATA] $both \
+  reactor tcl_GetThreadData 12 [fresh {::qel::reactor events}] [list \
+      {{failed to get reactor thread data} {ZMQ REACTOR THREAD DATA}} \
+      {{failed to get bgerror thread data} {QEL REACTOR BGERROR THREAD DATA}} \
+      {{failed to get timer thread data} {QEL TIMER THREAD DATA}} \
+      {{failed to get signal thread data} {QEL SIGNAL THREAD DATA}}] 0 \
+  reactor tcl_NewStringObj 12 [fresh {::qel::reactor stop}] \
+      [one {failed to create new string value} QEL REACTOR BGERROR DEFAULT] 0]
+foreach {name function error scenario wants modes} $threadRows {
+    walk $name $function $error {*}$scenario $wants $modes
+}
+
 # The context's end ignores its result; a new context serves the next socket.
 fault arm zmq_ctx_term 1 4 forgood
 lose_context
@@ -340,5 +393,5 @@ foreach field {worker node} {
     expect "debug $field" [list [lindex [dict get $options -errorcode] 2] \
         [regexp -all "debug.$field != 0 && \"strdup failed\"" $message]] {SIGABRT 1}
 }
-puts "$::cases comparisons over [expr {[llength $rows] / 6}] rows, $::red red"
+puts "$::cases comparisons over [expr {([llength $rows] + [llength $threadRows]) / 6}] rows, $::red red"
 exit [expr {$::red > 0}]
