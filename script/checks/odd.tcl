@@ -14,7 +14,7 @@ proc pick {list} {lindex $list [expr {int(rand() * [llength $list])}]}
 
 set megabyte [string repeat x 1000000]
 set shared "shared value"
-set words [list {} "\0" "a\0b" $megabyte 0 1 -1 31 32 2147483647 2147483648 -2147483649 \
+set words [list {} "\0" "a\0b" 0 1 -1 31 32 2147483647 2147483648 -2147483649 \
     9223372036854775807 9223372036854775808 -9223372036854775808 1e10 0x1f 007 true "\{" \
     "a \{b" "\}" "\"" {a b c} {{}} %s%n%d %99999999d :: ::: a::b ::zmq ::zmq::socket * ? \
     {[} {$x} {;} \u20ac \ud800 \uffff -nowait -linger "- " $shared [list $shared $shared] \
@@ -40,7 +40,10 @@ proc word {} {
         option {pick $::options}
         small {expr {int(rand() * 40) - 5}}
         socket {pick [concat [::zmq::socket names] none]}
-        default {pick $::words}
+        default {
+            if {rand() < 0.01} {return $::megabyte}
+            pick $::words
+        }
     }
 }
 proc some {from to} {
@@ -55,10 +58,10 @@ proc handler {} {
     pick [list {} {step 1} {step 2; error [word]} {return -code 7 x} {break} "\{" [word] \
         {step 1; ::qel::reactor stop} {update; step 1}]
 }
-# A socket never waits longer than a moment.
+# A socket never waits.
 proc timed {s} {
-    catch {$s configure -rcvtimeo 1}
-    catch {$s configure -sndtimeo 1}
+    catch {$s configure -rcvtimeo 0}
+    catch {$s configure -sndtimeo 0}
 }
 proc run_reactor {} {
     if {[llength [::qel::reactor event ::guard writable]] > 0} {
@@ -85,7 +88,7 @@ proc generate {} {
         recv {set s [live]; timed $s; list $s recv {*}[pick {{} -nowait x}]}
         configure {list [live] configure {*}[lrange [list [pick [concat $::options [list [word]]]] \
             [word] [word]] 0 [pick {-1 0 1 1 1 2}]]}
-        poll {list ::zmq::poll {*}[some 0 3] [live] [pick {0 1 x {}}]}
+        poll {list ::zmq::poll {*}[some 0 3] [live] [pick {0 0 0 x}]}
         debug {list ::zmq::debug {*}[pick [list {} 0 off [list worker [word]] [list node [word]] \
             [list [word] [word]] {file /nonexistent/x} worker {a b c}]]}
         reactor {list ::qel::reactor [pick {events stop timeout xx ev st event {}}] {*}[some 0 2]}
@@ -101,7 +104,7 @@ proc generate {} {
             ::zmq::debug ::qel::reactor}] {*}[some 0 3]}
         close {list [live] close}
         trace {list trace add command [live] delete {apply {args {catch {step 1}}}}}
-        interp {list interp_round}
+        interp {list [expr {rand() < 0.1 ? "interp_round" : "::qel::timestamp"}]}
         rename {list rename [live] [pick [concat $::names [list {}]]]}
     }
 }
@@ -123,8 +126,10 @@ proc harmless {command} {
     if {$name eq "::zmq::poll" && [string is wideinteger -strict [lindex $command end]]
         && [lindex $command end] ni {0 1}} {return 0}
     if {$name eq "rename" && ![string match ::zmq::zsock* $sub] && $sub ni $::names} {return 0}
-    if {[string match ::qel::reactor $name] && $sub in {timeout} && [llength $command] > 2} {return 1}
-    return [expr {[info commands $name] ne "" || [string length $name] < 1000}]
+    # libzmq ends the process by an assertion when a STREAM socket is given a message of
+    # several frames, which a peer over inproc can do.
+    return [expr {![string match inproc:* [lindex $command 2]]
+        || [catch {$name configure -type} type] || $type ne "STREAM"}]
 }
 proc step {n} {
     for {} {$n > 0 && $::done < $::count} {incr n -1} {
