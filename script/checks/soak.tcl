@@ -10,7 +10,7 @@ source [file join [file dirname [info script]] soak_peer.tcl]
 package require zmq
 interp alias {} reactor {} ::qel::reactor
 lassign $argv work total
-set window 64    ; # messages on their way at most, for each stream
+set window 32    ; # messages on their way at most, for each stream
 set patience 20  ; # seconds without a message, timer or signal until the check gives up
 set growth 1024  ; # KiB that memory may grow by between the first tenth and the last
 set begin [clock milliseconds]
@@ -19,7 +19,7 @@ set state running ; # then draining, then ending
 lassign {0 0 0 0} kills ticks signals counted
 
 proc failed {message {options {}}} {
-    puts "[expr {[dict exists $options -errorinfo] ? [dict get $options -errorinfo] : $message}]"
+    if {[dict exists $options -errorinfo]} {puts [dict get $options -errorinfo]}
     puts "failed: $message"
     exit 1
 }
@@ -154,18 +154,23 @@ proc memory {} {
     }
 }
 # What a tenth of the run (1: the second) needed: queues fill and empty, so the median.
-proc typical {tenth} {
-    lmap column {0 1 2} {
-        set sizes [lsort -integer [lmap row $::memories($tenth) {lindex $row $column}]]
-        lindex $sizes [expr {[llength $sizes] / 2}]
+# The samples wait in their file: kept here, they would be a growth of their own.
+proc typical {rows tenth} {
+    set rows [lsearch -all -inline -index 5 $rows $tenth]
+    lmap column {2 3 4} {
+        lindex [lsort -integer -index $column $rows] [expr {[llength $rows] / 2}] $column
     }
+}
+proc drained {} {
+    foreach name $::streams {
+        if {$::up($name) != 1 || [in_flight $name] > 0} {return 0}
+    }
+    return 1
 }
 proc sample {file last moved} {
     set now [clock milliseconds]
     set rate [expr {2000.0 * ($::counted - [lindex $last 1]) / ($now - [lindex $last 0])}]
-    set memory [memory]
-    puts $file "[expr {($now - $::begin) / 1000.0}] $rate $memory"
-    lappend ::memories([expr {min(9, 20 * $::counted / $::total)}]) $memory
+    puts $file "[expr {($now - $::begin) / 1000.0}] $rate [memory] [expr {20 * $::counted / $::total}]"
     # Each of the three must have changed since it was looked at last.
     set idle [lmap a [lrange $last 1 end] b [list $::counted $::ticks $::signals] {expr {$a == $b}}]
     if {1 ni $idle || $::state eq "ending"} {
@@ -174,8 +179,7 @@ proc sample {file last moved} {
         failed "nothing moves: $::state, [lmap name $::streams {list $name [in_flight $name]}]"
     }
     reactor after 250 [list sample $file [list $now $::counted $::ticks $::signals] $moved]
-    if {$::state eq "draining" && "0 1" eq [lsort -unique [concat [lmap name $::streams {in_flight $name}] \
-            [lmap name $::streams {set ::up($name)}]]]} {
+    if {$::state eq "draining" && [drained]} {
         set ::state ending
         foreach name $::streams {$::socket($name) send end}
     }
@@ -201,7 +205,9 @@ close $samples_file
 foreach {name channel} [array get pipe] {close $channel}
 catch {close $clock}
 set seconds [expr {([clock milliseconds] - $begin) / 1000.0}]
-set grown [lmap warm [typical 1] cool [typical 9] {expr {$cool - $warm}}]
+set samples_file [open [file join $work samples]]
+set rows [split [string trim [read $samples_file]] \n]
+set grown [lmap warm [typical $rows 1] cool [typical $rows 9] {expr {$cool - $warm}}]
 set lost 0
 foreach name $streams {
     set missing [expr {$next($name) - 1 - $returned($name)}]
@@ -210,6 +216,6 @@ foreach name $streams {
     if {$missing != 0 && ![string match *-mortal $name]} {failed "$name: $missing lost"}
 }
 puts [format "%d messages in %.1f s: each once, in order and whole; %d timers and %d signals;\
-    %d peers killed, with %d in flight; memory grew by %s KiB" [expr {2 * $counted}] $seconds \
-    $ticks $signals $kills $lost [join $grown ", "]]
+    %d peers killed, with %d in flight; memory grew by %s of %d KiB" [expr {2 * $counted}] $seconds \
+    $ticks $signals $kills $lost [join $grown ", "] $growth]
 exit [expr {[lindex [lsort -integer $grown] end] >= $growth}]
