@@ -26,13 +26,20 @@ set(parvo_program ${parvo_file} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 install(TARGETS parvo DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES "${PROJECT_BINARY_DIR}/pkgIndex.tcl"
   DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
-install(FILES README.md DESTINATION "${PARVO_DOCDIR}")
 # The scripts at the top, and a main.tcl further down, are programs.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
   FILE_PERMISSIONS ${parvo_file} DIRECTORY_PERMISSIONS ${parvo_program}
   PATTERN "__pycache__" EXCLUDE
   REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl)$" PERMISSIONS ${parvo_program})
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
+
+# The README's links lead to the manual that is installed, not to its sources; what they
+# say of files that stay behind is plain text.
+add_custom_command(OUTPUT README.md
+  COMMAND sed -E -e "s,\\]\\(doc/([a-z_]+)\\.man\\),](html/files/\\1.html),g"
+    -e "s,!?\\[([^]]*)\\]\\((bench/[^)]*|[A-Z]+\\.md)\\),\\1,g"
+    "${PROJECT_SOURCE_DIR}/README.md" > README.md
+  DEPENDS "${PROJECT_SOURCE_DIR}/README.md" VERBATIM)
 
 # Debian keeps changelogs compressed, has one of its own, and wants a copyright file.
 find_program(GZIP gzip REQUIRED)
@@ -48,9 +55,10 @@ file(WRITE "${PROJECT_BINARY_DIR}/changelog.Debian"
 add_custom_command(OUTPUT changelog.gz changelog.Debian.gz
   COMMAND "${GZIP}" -9nc "${PROJECT_SOURCE_DIR}/CHANGELOG.md" > changelog.gz
   COMMAND "${GZIP}" -9nc changelog.Debian > changelog.Debian.gz
-  DEPENDS CHANGELOG.md VERBATIM)
-add_custom_target(changelog ALL DEPENDS changelog.gz)
-install(FILES "${PROJECT_BINARY_DIR}/changelog.gz" DESTINATION "${PARVO_DOCDIR}")
+  DEPENDS "${PROJECT_SOURCE_DIR}/CHANGELOG.md" VERBATIM)
+add_custom_target(installed_texts ALL DEPENDS "${PROJECT_BINARY_DIR}/README.md" changelog.gz)
+install(FILES "${PROJECT_BINARY_DIR}/README.md" "${PROJECT_BINARY_DIR}/changelog.gz"
+  DESTINATION "${PARVO_DOCDIR}")
 install(FILES LICENSE RENAME copyright DESTINATION "${PARVO_DOCDIR}")
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   install(FILES "${PROJECT_BINARY_DIR}/changelog.Debian.gz" DESTINATION "${PARVO_DOCDIR}")
