@@ -121,6 +121,45 @@ proc table {section rows} {
     return [join $lines \n]
 }
 
+# What would be left if the package took no time beyond the calls that raw C makes: raw
+# C's time and that of the floor's commands together, as ratios beside those reached.
+# The floor is the least round: so the ratio is never less than what is possible.
+proc floors {rows} {
+    set lines {
+        "| workload | raw C, ns | floor, ns | raw C: at the floor | target | reached | pyzmq: at the floor | target | reached |"
+        "|---|---:|---:|---:|---:|---:|---:|---:|---:|"
+    }
+    foreach row $rows {
+        lassign $row section name - - subject rate
+        if {$section ne "throughput" || $subject ne "raw"
+            || [cell $rows 5 floor-loop package] eq "NaN"} continue
+        foreach {pattern commands} {
+            inproc-* {send recv} recv-* recv send-* send reactor* handler poll-* {send recv}
+        } {
+            if {[string match $pattern $name]} {
+                lappend lines [floor_line $rows $name $rate $commands]
+            }
+        }
+    }
+    return [expr {[llength $lines] > 2 ? "\n[join $lines \n]\n" : ""}]
+}
+
+proc floor_line {rows name rate commands} {
+    set raw [expr {1e9 / $rate}]
+    set floor [expr {([llength $commands] - 1) * -[cell $rows 6 floor-loop package]}]
+    foreach command $commands {
+        set floor [expr {$floor + [cell $rows 6 floor-$command package]}]
+    }
+    set left [expr {$raw / ($raw + $floor)}]
+    set line [format "| %s | %.0f | %.0f" $name $raw $floor]
+    foreach subject {raw pyzmq} {
+        append line [format " | %.3f | %s | %s" \
+            [expr {$left * $rate / [cell $rows 5 $name $subject]}] \
+            [cell $rows 9 $name $subject] [cell $rows 8 $name $subject]]
+    }
+    return "$line |"
+}
+
 proc report {rows machine} {
     set text "# Results\n\n$machine.\n\n"
     append text "Medians of $::rounds rounds, the subjects interleaved; the spread is the\
@@ -129,10 +168,11 @@ proc report {rows machine} {
     append text "\n[file tail $::here]/README.md tells what each row measures.\n"
     foreach {section title} {
         throughput "Messages" timers "Timers against Tcl's own"
-        start "Start and end" growth "What one costs, and how that grows"
+        floor "The floor: Tcl's own share" start "Start and end" growth "What one costs, and how that grows"
     } {
         if {[lsearch -index 0 $rows $section] >= 0} {
             append text "\n## $title\n\n[table $section $rows]\n"
+            append text [expr {$section eq "floor" ? [floors $rows] : ""}]
         }
     }
     return $text
@@ -180,8 +220,8 @@ proc cell {rows field name subject} {
 }
 
 proc gnuplot {path lines} {
-    exec gnuplot << "set terminal svg size 900,420 font 'sans-serif,12' background 'white'
-        set output '$path'\n set grid y\n set key top right\n $lines" 2>@stderr
+    exec gnuplot << "set terminal svg noenhanced size 900,420 font 'sans-serif,12' \
+        background 'white'\n set output '$path'\n set grid y\n set key below\n $lines" 2>@stderr
 }
 
 # Each workload as a share of what raw C reaches.
@@ -209,7 +249,7 @@ proc plot {directory rows} {
         [list share $rows]]
         set title 'Messages per second as a share of raw C'
         set style data histogram\n set style fill solid 0.8\n set yrange \[0:*\]
-        set xtics rotate by -25\n set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead
+        set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead
         plot \$d using 2:xtic(1) title 'this package', '' using 3 title 'pyzmq, multipart', \\
             '' using 4 title 'pyzmq, plain'"
     set columns {{reactor package} {poll package} {reactor raw} {reactor pyzmq}}
@@ -219,11 +259,11 @@ proc plot {directory rows} {
         set ylabel 'messages per second'\n set logscale y\n set style data linespoints
         plot \$d using 2:xtic(1) title 'reactor', '' using 3 title '::zmq::poll', \\
             '' using 4 title 'raw C', '' using 5 title 'pyzmq'"
-    set columns {sockets-create sockets-delete timers-create timers-delete
-        handlers-create handlers-delete}
+    set columns [concat {sockets-create sockets-delete timers-create timers-delete} \
+        {handlers-create handlers-delete}]
     gnuplot [file join $directory growth.svg] "[datablock d {10 100 1000 10000} $columns \
         [list grow_cell $rows]]
         set title 'Microseconds for one of so many'\n set xlabel 'how many'
-        set ylabel 'microseconds'\n set logscale y\n set style data linespoints\n set key top left
-        plot for \[i=2:7\] \$d using i:xtic(1) title word('[string map {- _} $columns]', i - 1)"
+        set ylabel 'microseconds'\n set logscale y\n set style data linespoints
+        plot for \[i=2:7\] \$d using i:xtic(1) title word('$columns', i - 1)"
 }

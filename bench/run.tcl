@@ -76,6 +76,13 @@ foreach count {1000 100000} {
         [list [list timers-run-$count "$count timers: run all" op/s 1]] {after {}}]
 }
 
+lappend measurements [list floor [list floor [file join $build bench libfloor.so]] none {
+    {floor-loop "an empty turn of a loop" ns}
+    {floor-send "a command that does nothing, called as send is" ns}
+    {floor-recv "a command that returns a list of fixed bytes, called as recv is" ns}
+    {floor-handler "a handler that calls it, evaluated after a poll" ns}
+} {}]
+
 lappend measurements [list start "" start {
     {start "start: until the package is there" ms -}
     {end "end: from exit until the process is gone" ms -}

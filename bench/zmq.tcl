@@ -210,9 +210,10 @@ proc workload_timers {which count} {
     return [lappend rates [rate $sample $start]]
 }
 
-# Runs timers that are all due.
+# Runs timers that are all due.  They too were scheduled latest first, so that Tcl finds
+# each at the head of its lists.
 proc workload_due {which count} {
-    set ms [expr {10 + $count / 400}]
+    set ms [expr {10 + $count / 100}]
     for {set i $count} {$i > 0} {incr i -1} {
         lappend soon [expr {$ms * $i / $count}]
     }
@@ -300,6 +301,28 @@ proc workload_grow {kind count} {
     delete_$kind $names
     set deleted [expr {([clock microseconds] - $start) / double($count)}]
     return [list $created $deleted $held]
+}
+
+# The floor: nanoseconds of an empty turn of a loop, of a command that does nothing called
+# as send is, of one that makes recv's result of fixed bytes called as recv is, and of a
+# handler that calls it, evaluated as the reactor evaluates it.
+
+proc empty_loop {count} {
+    for {set i 0} {$i < $count} {incr i} {}
+}
+
+proc workload_floor {library} {
+    load $library Floor
+    set count 300000
+    set ::left [expr {10 * $count}]
+    set handler [list on_message floor::list]
+    set bytes [payload 64]
+    lassign [lmap script {
+        {empty_loop $count} {transmit floor::nothing $bytes $count}
+        {receive floor::list $count} {floor::evaluate {} $count}
+        {floor::evaluate $handler $count}
+    } {expr {1e9 / [ops_per_second $count $script]}}] loop send recv wait handled
+    return [list $loop $send $recv [expr {$handled - $wait}]]
 }
 
 package require zmq
