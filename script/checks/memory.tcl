@@ -78,12 +78,15 @@ proc examine {expected setup command undo} {
     set tasks [threads]
     set row [list $setup $command $undo]
     repeat [expr {$::iterations / 5}] $base $row
-    set kib [memory]
-    repeat $::iterations $base $row
-    set grown [expr {[memory] - $kib}]
+    # A leak grows every time; what ZeroMQ's thread was late to give back does not.
+    for {set tries 3; set grown 256} {$tries > 0 && $grown >= 256} {incr tries -1} {
+        set kib [memory]
+        repeat $::iterations $base $row
+        set grown [expr {[memory] - $kib}]
+    }
     if {$grown >= 256} {
         lappend left memory
-        puts "$command: [format %d $grown] KiB more"
+        puts "$command: $grown KiB more"
     }
     if {[descriptors] != $base} {lappend left descriptors}
     if {[threads] != $tasks} {lappend left threads}
