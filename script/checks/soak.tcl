@@ -96,7 +96,9 @@ proc start_peer {name} {
         soak_peer.tcl] [$::socket($name) configure -last_endpoint] $::life($name) 2>@stderr] w]
 }
 # The signal comes in the middle of the traffic, which goes on until the peer is seen to be
-# gone.  Then nothing is sent until the next life says hello.
+# gone.  Then nothing is sent until the next life says hello.  That begins only when the
+# socket has no connection to write to: while ZeroMQ takes down the old one, it would
+# still get its share of the messages.
 proc kill_peer {name} {
     if {$::up($name) != 1} return
     set ::up($name) dying
@@ -104,10 +106,14 @@ proc kill_peer {name} {
     reactor after 50 [list next_life $name]
 }
 proc next_life {name} {
-    catch {close $::pipe($name)}
     set ::up($name) 0
-    incr ::kills
     reactor event $::socket($name) writable {}
+    if {[$::socket($name) configure -events] & 2} {
+        reactor after 5 [list next_life $name]
+        return
+    }
+    catch {close $::pipe($name)}
+    incr ::kills
     unset -nocomplain ::expect($name,[expr {$::life($name) - 2}])
     set ::expect($name,[incr ::life($name)]) [set ::base($name) $::next($name)]
     start_peer $name
