@@ -1,6 +1,7 @@
 # kernel.tcl -- for scripts that deal with signals: what the kernel reports, signals sent
 # to oneself, and a reactor that runs until a condition holds.
 
+set kernel [file normalize [info script]]
 interp alias {} reactor {} ::qel::reactor
 interp alias {} signal {} ::qel::reactor signal
 
@@ -101,8 +102,7 @@ proc spin {condition {end {}}} {
 # Runs a script in a child that has this file, and gives what it logged or returned and
 # how it ended; the child must write nothing to standard error.
 proc isolated {script} {
-    set file [file join $::support(root) tests kernel.tcl]
-    lassign [child "source [list $file]\nputs -nonewline \[apply {{} {\n$script\n}}]"] \
+    lassign [child "source [list $::kernel]\nputs -nonewline \[apply {{} {\n$script\n}}]"] \
         out err status
     if {$err ne ""} {error $err}
     expr {$status == 0 ? $out : $status}
