@@ -20,7 +20,7 @@ set words [list {} "\0" "a\0b" 0 1 -1 31 32 2147483647 2147483648 -2147483649 \
     {[} {$x} {;} \u20ac \ud800 \uffff -nowait -linger "- " $shared [list $shared $shared] \
     [string repeat ": " 600] after#0 after#-1 {after# 1} after#99999999999999999999 \
     stdin stdout stderr file5]
-set endpoints [list tcp://127.0.0.1:* inproc://a inproc://b tcp://127.0.0.1:1 tcp:// \
+set endpoints [list tcp://127.0.0.1:* inproc://a inproc://b inproc://c tcp://127.0.0.1:1 tcp:// \
     inproc:// ipc:// ipc:///nonexistent/x tcp://127.0.0.1:99999 foo://x tcp://%s:%d]
 set types {PAIR PUB SUB REQ REP DEALER ROUTER PULL PUSH XPUB XSUB STREAM pub NONE}
 set options {}
@@ -30,6 +30,9 @@ while {[gets $f line] >= 0} {
 }
 close $f
 if {[llength $options] != 43} {error "[llength $options] options found"}
+# The debug log may be sent to a file of any name.
+set scratch [file normalize $::env(ODD_SCRATCH)]
+cd $scratch
 set signals {HUP SIGHUP INT USR1 SIGUSR2 10 12 17 SIGCLD 0 32 * WINCH URG SIGRTMIN}
 set names {s0 s1 s2 s3 ::s4 "a b" "\u20ac" x::y}
 
@@ -126,6 +129,12 @@ proc harmless {command} {
     if {$name eq "::zmq::poll" && [string is wideinteger -strict [lindex $command end]]
         && [lindex $command end] ni {0 1}} {return 0}
     if {$name eq "rename" && ![string match ::zmq::zsock* $sub] && $sub ni $::names} {return 0}
+    # A connection over inproc that waits for its endpoint while sockets close and bind can
+    # meet an assertion of libzmq (pipe.cpp:87): the guards hold a and b.
+    if {[string match con* $sub] && [string match inproc:* [lindex $command 2]]
+        && [lindex $command 2] ni {inproc://a inproc://b}} {
+        return 0
+    }
     # libzmq ends the process by an assertion when a STREAM socket is given a message of
     # several frames, which a peer over inproc can do.
     return [expr {![string match inproc:* [lindex $command 2]]
@@ -150,6 +159,10 @@ proc step {n} {
 ::zmq::socket create ::guard PUSH
 ::guard bind inproc://guard
 ::zmq::socket create ::guarded PULL
+foreach {name type} {a ROUTER b PAIR} {
+    ::zmq::socket create ::guard-$name $type
+    ::guard-$name bind inproc://$name
+}
 ::guarded connect inproc://guard
 while {$done < $count} {
     step 1
