@@ -6,7 +6,9 @@ namespace import ::tcltest::test ::tcltest::makeFile ::tcltest::removeFile
 package require zmq
 encoding system utf-8 ; # of file names, words and lines for other processes, in any locale
 
-set ::support(dir) [file normalize [file join [pwd] parvo-[pid]-[clock microseconds]]]
+set ::support(dir) [file normalize [file join \
+    [expr {[info exists ::env(TMPDIR)] ? $::env(TMPDIR) : "/tmp"}] \
+    parvo-[pid]-[clock microseconds]]]
 set ::support(root) [file dirname [file dirname [file normalize [info script]]]]
 ::tcltest::configure -verbose {body error} -tmpdir [file dirname $::support(dir)]
 
