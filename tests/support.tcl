@@ -10,7 +10,8 @@ set ::support(dir) [file normalize [file join \
     [expr {[info exists ::env(TMPDIR)] ? $::env(TMPDIR) : "/tmp"}] \
     parvo-[pid]-[clock microseconds]]]
 set ::support(root) [file dirname [file dirname [file normalize [info script]]]]
-::tcltest::configure -verbose {body error} -tmpdir [file dirname $::support(dir)]
+file mkdir $::support(dir)
+::tcltest::configure -verbose {body error} -tmpdir $::support(dir)
 
 # Runs a script and gives its message and error code.
 proc failure {script} {
@@ -139,7 +140,7 @@ proc logged {script} {
 proc finish {} {
     set failed [expr {$::tcltest::numTests(Failed) > 0 || $::tcltest::numTests(Total) == 0}]
     close_all
-    file delete -force $::support(dir)
     ::tcltest::cleanupTests
+    file delete -force $::support(dir)
     exit $failed
 }
