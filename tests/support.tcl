@@ -140,7 +140,9 @@ proc logged {script} {
 proc finish {} {
     set failed [expr {$::tcltest::numTests(Failed) > 0 || $::tcltest::numTests(Total) == 0}]
     close_all
-    ::tcltest::cleanupTests
     file delete -force $::support(dir)
+    file mkdir $::support(dir)
+    ::tcltest::cleanupTests
+    file delete $::support(dir)
     exit $failed
 }
