@@ -120,7 +120,7 @@ proc next_life {name} {
 }
 proc kill_turn {name other} {
     if {$::state ne "running"} return
-    reactor after 700 [list kill_turn $other $name]
+    reactor after 300 [list kill_turn $other $name]
     kill_peer $name
 }
 proc peer_ended {name count} {
@@ -202,7 +202,7 @@ reactor event $dealer readable [list echo $dealer 0]
 $dealer send hello
 set clock [open |[list bash -c $clock_program [pid] 2>@stderr] w]
 for {set i 0} {$i < 20} {incr i} {reactor after [expr {5 * $i}] [list tick [expr {$begin + 5 * $i}]]}
-reactor after 700 {kill_turn ipc-mortal tcp-mortal}
+reactor after 300 {kill_turn ipc-mortal tcp-mortal}
 set samples_file [open [file join $work samples] w]
 sample $samples_file [list $begin 0 0 0] $begin
 reactor start
