@@ -11,7 +11,6 @@
 package require zmq
 lassign $argv iterations planted
 set red 0
-set dir [file join [pwd] parvo-memory-[pid]]
 proc complain {what} {
     puts "FAIL: $what"
     incr ::red
@@ -115,7 +114,6 @@ set cancel {foreach id [::qel::reactor after info] {::qel::reactor after cancel 
 set default {::qel::reactor signal default USR1}
 set withdraw {::qel::reactor event s readable {}}
 set close {foreach name [::zmq::socket names] {if {[string match *zsock* $name]} {$name close}}}
-set forget {::zmq::debug file /dev/null; ::zmq::debug off}
 proc swallow {args} {}
 ::qel::reactor bgerror swallow
 proc later {script} {::qel::reactor after 0 $script}
@@ -124,7 +122,7 @@ proc later {script} {::qel::reactor after 0 $script}
 set rows {}
 foreach command {
     ::zmq::version ::zmq::build ::qel::timestamp ::zmq::debug {::zmq::debug off word}
-    {::zmq::debug worker name} {::zmq::debug node name} {::zmq::debug file name}
+    {::zmq::debug worker name} {::zmq::debug node name} {::zmq::debug file /dev/null}
     {::zmq::socket names} {s stats} {s configure} {s configure -linger}
     {s configure -identity} {s configure -last_endpoint} {s configure -linger 0}
     {s configure -affinity 3} {u configure -identity name} {u configure -maxmsgsize 99999999999}
