@@ -12,6 +12,7 @@
 #include "socket_record.h"
 #include "tclsupport.h"
 
+#include <errno.h>
 #include <limits.h>
 #include <string.h>
 #include <zmq.h>
@@ -137,6 +138,34 @@ int pv_socket_meth_disconnect(PVSockData* d, Tcl_Interp* interp, int objc,
                            "failed to disconnect socket", "DISCONNECT");
 }
 
+/* Sends one word as a frame; returns its length, -1 after a failure. */
+int send_frame(void* socket, Tcl_Obj* word, int flags) {
+    int length;
+    const unsigned char* bytes = Tcl_GetByteArrayFromObj(word, &length);
+    return zmq_send(socket, bytes, static_cast<size_t>(length), flags) != -1 ? length
+                                                                             : -1;
+}
+
+/*
+ * A peer went while a message was half sent: libzmq has taken back what it had and
+ * drops what follows, up to the end of the message.  It must see that end, or it would
+ * drop the next message instead.  A PAIR socket drops nothing and might take the rest
+ * for a message to a new peer.
+ */
+void send_dropped_rest(void* socket, int count, Tcl_Obj* const words[]) {
+    int type = ZMQ_PAIR;
+    size_t size = sizeof type;
+    if (zmq_getsockopt(socket, ZMQ_TYPE, &type, &size) == -1 || type == ZMQ_PAIR) {
+        return;
+    }
+    for (int i = 0; i < count; i++) {
+        const int more = i + 1 < count ? ZMQ_SNDMORE : 0;
+        if (send_frame(socket, words[i], ZMQ_DONTWAIT | more) == -1) {
+            return;
+        }
+    }
+}
+
 /*
  * $sock send ?-nowait? ?string ...?
  * Without a frame nothing is sent, but a message of no bytes is counted.
@@ -149,12 +178,17 @@ int pv_socket_meth_send(PVSockData* d, Tcl_Interp* interp, int objc,
     }
     const bool nowait = is_nowait(objv[2]);
     const int flags = nowait ? ZMQ_DONTWAIT : 0;
+    const int first = nowait ? 3 : 2;
     Tcl_WideInt total = 0;
-    for (int i = nowait ? 3 : 2; i < objc; i++) {
-        int length;
-        const unsigned char* bytes = Tcl_GetByteArrayFromObj(objv[i], &length);
-        if (zmq_send(d->socket, bytes, static_cast<size_t>(length),
-                     i + 1 < objc ? flags | ZMQ_SNDMORE : flags) == -1) {
+    for (int i = first; i < objc; i++) {
+        const int length =
+            send_frame(d->socket, objv[i], i + 1 < objc ? flags | ZMQ_SNDMORE : flags);
+        if (length == -1) {
+            const int error = zmq_errno();
+            if (error == EAGAIN && i > first) {
+                send_dropped_rest(d->socket, objc - i - 1, objv + i + 1);
+            }
+            errno = error;
             return fail_zmq(interp, "send failed", "SEND");
         }
         total += length;
