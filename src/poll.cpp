@@ -83,7 +83,7 @@ PVPollArgs* pv_poll_args_item(Tcl_Interp* interp, Tcl_Obj* handle, size_t index,
                               PVPollArgs* args) {
     const char* name = Tcl_GetString(handle);
     zmq_pollitem_t* item = &args->items[index];
-    item->socket = pv_socket_get(interp, name);
+    item->socket = pv_socket_get_word(interp, handle);
     if (item->socket == nullptr && !channel_fd(interp, name, &item->fd)) {
         return nullptr;
     }

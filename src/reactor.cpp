@@ -251,6 +251,20 @@ int chan_to_fd(Tcl_Interp* interp, const char* name, short event, Tcl_Channel* f
     return static_cast<int>(reinterpret_cast<intptr_t>(handle));
 }
 
+/*
+ * The same, once what had gone of the descriptor's entry has left the table.  The
+ * look-up is repeated, since a trace on a failed one may close the channel.
+ */
+int chan_to_fresh_fd(PVReactor* r, const char* name, short event, Tcl_Channel* found) {
+    const int fd = chan_to_fd(r->interp, name, event, found);
+    const int position = pv_event_find_chan(r, fd);
+    if (position == -1) {
+        return fd;
+    }
+    pv_event_refresh(r, static_cast<size_t>(position));
+    return chan_to_fd(r->interp, name, event, found);
+}
+
 /* Passes a position on; -1, for no room in the table, leaves an error. */
 int position_or_error(const PVReactor* r, int position, const char* name) {
     if (position == -1) {
@@ -282,8 +296,7 @@ int pv_event_set_sock_handler(PVReactor* r, void* socket, short event, Tcl_Obj* 
 int pv_event_set_chan_handler(PVReactor* r, const char* name, short event,
                               Tcl_Obj* script) {
     Tcl_Channel channel;
-    pv_event_refresh_all(r);
-    const int fd = chan_to_fd(r->interp, name, event, &channel);
+    const int fd = chan_to_fresh_fd(r, name, event, &channel);
     if (fd == -1) {
         return TCL_ERROR;
     }
@@ -308,8 +321,7 @@ int handler_delete(PVReactor* r, void* socket, const char* name, short event) {
         }
         return TCL_OK;
     }
-    pv_event_refresh_all(r);
-    const int fd = chan_to_fd(r->interp, name, event, nullptr);
+    const int fd = chan_to_fresh_fd(r, name, event, nullptr);
     if (fd == -1) {
         return TCL_ERROR;
     }
@@ -438,8 +450,7 @@ int pv_event_get(PVReactor* r, const char* name, short event) {
     if (socket != nullptr) {
         position = pv_event_find_sock(r, socket);
     } else {
-        pv_event_refresh_all(r);
-        const int fd = chan_to_fd(r->interp, name, event, nullptr);
+        const int fd = chan_to_fresh_fd(r, name, event, nullptr);
         if (fd == -1) {
             return TCL_ERROR;
         }
@@ -505,8 +516,11 @@ Tcl_Obj* pv_reactor_item_name(const PVReactor* r, size_t position) {
 
 int pv_event_register_fd(void* reactor, int fd, short event) {
     auto* r = static_cast<PVReactor*>(reactor);
-    pv_event_refresh_all(r); // the number may be that of a channel that has gone
     int position = pv_event_find_chan(r, fd);
+    if (position != -1) { // the number may be that of a channel that has gone
+        pv_event_refresh(r, static_cast<size_t>(position));
+        position = pv_event_find_chan(r, fd);
+    }
     if (position != -1) {
         return position;
     }

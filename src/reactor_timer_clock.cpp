@@ -23,10 +23,6 @@ long in_milliseconds(long sec, long usec) {
 
 } // namespace
 
-bool pv_clock_earlier(const Tcl_Time& a, const Tcl_Time& b) {
-    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
-}
-
 Tcl_Time pv_clock_after(const Tcl_Time& now, long ms) {
     Tcl_Time time;
     time.sec = now.sec + ms / secondMs;

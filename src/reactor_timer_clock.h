@@ -7,7 +7,9 @@
 #include <tcl.h>
 
 /* Tells whether a is strictly earlier than b. */
-bool pv_clock_earlier(const Tcl_Time& a, const Tcl_Time& b);
+inline bool pv_clock_earlier(const Tcl_Time& a, const Tcl_Time& b) {
+    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
+}
 
 /*
  * The time ms milliseconds after now, negative ones before it, with 0 to 999999

@@ -394,6 +394,17 @@ constexpr Subcommand subcommands[] = {
     {nullptr, nullptr},
 };
 
+/* The ZeroMQ socket registered for a command (null allowed) in this thread, or null. */
+void* registered_socket(Tcl_Interp* interp, Tcl_Command token) {
+    PVSockets* p = token != nullptr ? pv_sockets(interp) : nullptr;
+    if (p == nullptr) {
+        return nullptr;
+    }
+    Tcl_HashEntry* entry =
+        Tcl_FindHashEntry(p->table, reinterpret_cast<const char*>(token));
+    return entry != nullptr ? Tcl_GetHashValue(entry) : nullptr;
+}
+
 } // namespace
 
 /* ::zmq::socket subcommand ?arg ...? */
@@ -412,14 +423,11 @@ int ParvoSocketCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
 }
 
 void* pv_socket_get(Tcl_Interp* interp, const char* name) {
-    Tcl_Command token = Tcl_FindCommand(interp, name, nullptr, 0);
-    PVSockets* p = token != nullptr ? pv_sockets(interp) : nullptr;
-    if (p == nullptr) {
-        return nullptr;
-    }
-    Tcl_HashEntry* entry =
-        Tcl_FindHashEntry(p->table, reinterpret_cast<const char*>(token));
-    return entry != nullptr ? Tcl_GetHashValue(entry) : nullptr;
+    return registered_socket(interp, Tcl_FindCommand(interp, name, nullptr, 0));
+}
+
+void* pv_socket_get_word(Tcl_Interp* interp, Tcl_Obj* word) {
+    return registered_socket(interp, Tcl_GetCommandFromObj(interp, word));
 }
 
 PVSockData* pv_socket_data(Tcl_Interp* interp, const char* name) {

@@ -23,6 +23,12 @@ int ParvoSocketCmd(ClientData unused, Tcl_Interp* interp, int objc,
 void* pv_socket_get(Tcl_Interp* interp, const char* name);
 
 /*
+ * The same for a word of a script.  The word remembers the command that it named, as
+ * the first word of any command does, so that the next look-up is short.
+ */
+void* pv_socket_get_word(Tcl_Interp* interp, Tcl_Obj* word);
+
+/*
  * The record of the socket command that name resolves to in interp.  Any command's
  * client data would be returned: callers ask pv_socket_get first.  Returns null
  * with an error ("ZMQ" "SOCKET" "DATA" name) when there is no such command.

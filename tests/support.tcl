@@ -71,7 +71,7 @@ proc child {script} {
     puts $f "encoding system utf-8\npackage require zmq\n$script"
     close $f
     set status 0
-    if {[catch {exec -keepnewline [info nameofexecutable] $file 2>$file.err} out options]} {
+    if {[catch {exec -keepnewline timeout -s KILL 100 [info nameofexecutable] $file 2>$file.err} out options]} {
         set code [dict get $options -errorcode]
         set status [lindex $code 2]
         set out [regsub {\n?child (process exited abnormally|killed: [^\n]*)\n?$} $out {}]
