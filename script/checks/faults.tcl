@@ -374,6 +374,8 @@ set threadRows [list \
       {{failed to get signal thread data} {QEL SIGNAL THREAD DATA}}] 0 \
   reactor tcl_NewStringObj 12 [fresh {::qel::reactor stop}] \
       [one {failed to create new string value} QEL REACTOR BGERROR DEFAULT] 0]
+after 1 {set started 1}
+vwait started
 foreach {name function error scenario wants modes} $threadRows {
     walk $name $function $error {*}$scenario $wants $modes
 }
