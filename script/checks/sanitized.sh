@@ -9,9 +9,14 @@ sanitized() {
     local preset=$1 compiler=${2:-g++} runtime
     build=$PWD/build-$preset
     [ "$compiler" = g++ ] || build=$build-$compiler
+    # Checks that run at the same time share the build.
+    mkdir -p "$build"
+    exec 9>"$build/.lock"
+    flock 9
     CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
         cmake --preset "$preset" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
     cmake --build "$build" >/dev/null
+    exec 9>&-
     case $preset-$compiler in
         asan-g++) runtime=libasan.so ;;
         tsan-g++) runtime=libtsan.so ;;
