@@ -13,7 +13,7 @@ sanitized() {
     mkdir -p "$build"
     exec 9>"$build/.lock"
     flock 9
-    CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
+    CMAKE_GENERATOR=Ninja CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
         cmake --preset "$preset" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
     cmake --build "$build" >/dev/null
     exec 9>&-
