@@ -13,8 +13,11 @@ sanitized() {
     mkdir -p "$build"
     exec 9>"$build/.lock"
     flock 9
-    CMAKE_GENERATOR=Ninja CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
-        cmake --preset "$preset" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" >/dev/null
+    # Configured once: naming the compiler again would make CMake start all over, while
+    # another check may be using what was built.
+    [ -f "$build/CMakeCache.txt" ] ||
+        CMAKE_GENERATOR=Ninja CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
+            CXX=$compiler cmake --preset "$preset" -B "$build" >/dev/null
     cmake --build "$build" >/dev/null
     exec 9>&-
     case $preset-$compiler in
