@@ -20,9 +20,9 @@ foreach {signal handler} {SIGTERM stop SIGINT stop SIGHUP reload SIGUSR1 report}
     ::qel::reactor signal trap $signal $handler
 }
 
-# What a job does: write your own here, or in the script named by -job.  Its arguments
-# are the frames of the job, its result is a list of frames, all of them bytes; after an
-# error the job is a dead letter.  Signals and heartbeats wait while a job runs.
+# What a job does: write your own here, or in the script named by -job.  Its arguments are
+# the frames of the job, its result is a list of frames, all of them bytes (text passes
+# encoding convertfrom and convertto); after an error the job is a dead letter.
 proc job {args} {return $args}
 
 set current {}    ;# the frames of the job in hand

@@ -9,12 +9,12 @@ proc job {number text} {
 }
 
 # The program that started us holds the other end of standard input.  When it ends in
-# whatever way, so does this process.
+# whatever way, so does this process, at once: nobody waits for results any more.
 fconfigure stdin -blocking 0
 ::qel::reactor event stdin readable {
     read stdin
     if {[eof stdin]} {
         ::qel::reactor event stdin readable {}
-        stop EOF
+        ::qel::reactor stop
     }
 }
