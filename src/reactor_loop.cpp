@@ -143,7 +143,10 @@ void backoff_grow(Backoff* backoff) {
     backoff->until = pv_clock_after(now, backoff->pause);
 }
 
-/* What is left of the pause, no longer than until the next due timer; 0: it is over. */
+/*
+ * Waits for what is left of the pause, no longer than until the next due timer; false:
+ * there is no pause, or it is over.
+ */
 bool backoff_wait(const Backoff& backoff, PVReactor* r) {
     Tcl_Time now;
     if (backoff.pause == 0) {
