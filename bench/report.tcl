@@ -10,10 +10,11 @@ proc median {values} {
             : ([lindex $sorted $middle-1] + [lindex $sorted $middle]) / 2.0}]
 }
 
-# How the package compares: milliseconds more for the start, else how many times.
-proc compared {unit name subject} {
+# How the package, or another, compares: milliseconds more for the start, else how many
+# times.
+proc compared {unit name subject {measured package}} {
     set each {}
-    foreach ours $::samples($name,package) theirs $::samples($name,$subject) {
+    foreach ours $::samples($name,$measured) theirs $::samples($name,$subject) {
         if {$unit eq "ms"} {
             lappend each [expr {$ours - $theirs}]
         } elseif {$theirs != 0} {
@@ -83,11 +84,11 @@ proc machine {} {
 proc table {section rows} {
     set rows [lsearch -all -inline -index 0 $rows $section]
     set columns [lsort -unique [lmap row $rows {lindex $row 4}]]
-    set columns [lmap c {raw pyzmq plain after tclsh floor} {
+    set columns [lmap c {raw pyzmq plain bare after tclsh floor} {
         if {$c ni $columns} continue
         set c
     }]
-    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" after "Tcl's after" tclsh "tclsh alone"
+    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" bare "bare commands" after "Tcl's after" tclsh "tclsh alone"
         floor "an empty package"}
     set how [expr {$section eq "start" ? "more" : "ratio"}]
     set head "| workload | unit | this package | spread |"
@@ -121,43 +122,24 @@ proc table {section rows} {
     return [join $lines \n]
 }
 
-# What would be left if the package took no time beyond the calls that raw C makes: raw
-# C's time and that of the floor's commands together, as ratios beside those reached.
-# The floor is the least round: so the ratio is never less than what is possible.
-proc floors {rows} {
+# How far commands come that do nothing but call libzmq: their ratios beside the targets
+# and what the package reaches.
+proc limits {rows} {
     set lines {
-        "| workload | raw C, ns | floor, ns | raw C: at the floor | target | reached | pyzmq: at the floor | target | reached |"
-        "|---|---:|---:|---:|---:|---:|---:|---:|---:|"
+        "| workload | raw C: bare commands | target | reached | pyzmq: bare commands | target | reached |"
+        "|---|---:|---:|---:|---:|---:|---:|"
     }
     foreach row $rows {
-        lassign $row section name - - subject rate
-        if {$section ne "throughput" || $subject ne "raw"
-            || [cell $rows 5 floor-loop package] eq "NaN"} continue
-        foreach {pattern commands} {
-            inproc-* {send recv} recv-* recv send-* send reactor* handler poll-* {send recv}
-        } {
-            if {[string match $pattern $name]} {
-                lappend lines [floor_line $rows $name $rate $commands]
-            }
+        lassign $row section name - - subject
+        if {$section ne "throughput" || $subject ne "bare"} continue
+        set line "| $name"
+        foreach peer {raw pyzmq} {
+            append line " | [compared op/s $name $peer bare] | [cell $rows 9 $name $peer]\
+                | [cell $rows 8 $name $peer]"
         }
+        lappend lines "$line |"
     }
-    return [expr {[llength $lines] > 2 ? "\n[join $lines \n]\n" : ""}]
-}
-
-proc floor_line {rows name rate commands} {
-    set raw [expr {1e9 / $rate}]
-    set floor [expr {([llength $commands] - 1) * -[cell $rows 6 floor-loop package]}]
-    foreach command $commands {
-        set floor [expr {$floor + [cell $rows 6 floor-$command package]}]
-    }
-    set left [expr {$raw / ($raw + $floor)}]
-    set line [format "| %s | %.0f | %.0f" $name $raw $floor]
-    foreach subject {raw pyzmq} {
-        append line [format " | %.3f | %s | %s" \
-            [expr {$left * $rate / [cell $rows 5 $name $subject]}] \
-            [cell $rows 9 $name $subject] [cell $rows 8 $name $subject]]
-    }
-    return "$line |"
+    return [join $lines \n]
 }
 
 proc report {rows machine} {
@@ -168,11 +150,12 @@ proc report {rows machine} {
     append text "\n[file tail $::here]/README.md tells what each row measures.\n"
     foreach {section title} {
         throughput "Messages" timers "Timers against Tcl's own"
-        floor "The floor: Tcl's own share" start "Start and end" growth "What one costs, and how that grows"
+        limits "What bare commands reach" floor "What nothing costs" start "Start and end" growth "What one costs, and how that grows"
     } {
-        if {[lsearch -index 0 $rows $section] >= 0} {
+        if {$section eq "limits" && [lsearch -index 4 $rows bare] >= 0} {
+            append text "\n## $title\n\n[limits $rows]\n"
+        } elseif {[lsearch -index 0 $rows $section] >= 0} {
             append text "\n## $title\n\n[table $section $rows]\n"
-            append text [expr {$section eq "floor" ? [floors $rows] : ""}]
         }
     }
     return $text

@@ -16,8 +16,8 @@ set raw [file join $build bench raw]
 set tcl [list [info nameofexecutable] [file join $here zmq.tcl]]
 set python [list /usr/bin/python3 [file join $here pyzmq.py]]
 set subjects [dict create \
-    package $tcl raw $raw pyzmq [concat $python multipart] plain [concat $python plain] \
-    after $tcl]
+    package [concat $tcl zmq] bare [concat $tcl bare] raw $raw \
+    pyzmq [concat $python multipart] plain [concat $python plain] after [concat $tcl zmq]]
 set workers [dict create \
     package [list [info nameofexecutable] [file join [file dirname $here] examples worker.tcl]] \
     pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
@@ -32,7 +32,7 @@ set measurements {}
 
 proc throughput {name title workload peer raw pyzmq args} {
     lappend ::measurements [list throughput $workload $peer \
-        [list [list $name $title op/s]] [dict create raw $raw pyzmq $pyzmq {*}$args]]
+        [list [list $name $title op/s]] [dict create raw $raw pyzmq $pyzmq bare - {*}$args]]
 }
 
 throughput inproc-64 "one thread, inproc, 64 B: send, then receive" \

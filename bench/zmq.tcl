@@ -1,8 +1,10 @@
-# zmq.tcl -- the workloads on this package: tclsh zmq.tcl workload argument...
+# zmq.tcl -- the workloads on this package: tclsh zmq.tcl package workload argument...
 #
 # Each proc is what a user would write, compiled by Tcl as any other.  Every workload
 # prints one line "value ..."; those with a peer print the endpoint that they are bound
-# to before.  The driver gives the directory of the package as ::env(TCLLIBPATH).
+# to before.  The driver gives the directory of the package as ::env(TCLLIBPATH).  The
+# package is "zmq" or, for the least that such procs cost, "bare", whose commands do the
+# same with nothing beyond the calls of libzmq.
 
 proc ops_per_second {count script} {
     uplevel 1 [list set count [expr {$count / 10}]]
@@ -325,9 +327,12 @@ proc workload_floor {library} {
     return [list $loop $send $recv [expr {$handled - $wait}]]
 }
 
-package require zmq
-puts "value [workload_[lindex $argv 0] {*}[lrange $argv 1 end]]"
+lassign $argv package workload
+package require $package
+puts "value [workload_$workload {*}[lrange $argv 2 end]]"
 flush stdout
-foreach s [zmq::socket names] {
-    $s close
+if {$package eq "zmq"} {
+    foreach s [zmq::socket names] {
+        $s close
+    }
 }

@@ -70,37 +70,34 @@ proc beat {{state running}} {
     catch {$::results send -nowait heartbeat $::name $state [statistics]}
 }
 
-# Whether what a job yields can leave at once.  If not, no job is begun until it can: a
-# send that blocks would hold up signals and heartbeats.
-proc room {} {
-    foreach socket [list $::results $::dead] {
-        if {!([$socket configure -events] & 2)} {
-            ::qel::reactor event $::jobs readable {}
-            ::qel::reactor event $socket writable [list resume $socket]
-            return 0
-        }
-    }
-    return 1
+# What a job yields cannot leave at once.  No job is begun until it can: a send that
+# blocks would hold up signals and heartbeats.
+proc pause {} {
+    set socket [expr {[$::results configure -events] & 2 ? $::dead : $::results}]
+    ::qel::reactor event $::jobs readable {}
+    ::qel::reactor event $socket writable [list resume $socket]
 }
 
 proc resume {socket} {
     ::qel::reactor event $socket writable {}
-    ::qel::reactor event $::jobs readable work
-    if {$::stopping} work
+    ::qel::reactor event $::jobs readable $::work
+    if {$::stopping} $::work
 }
 
-# Does one job.  It is accepted once received, and done before anything else happens.
-proc work {} {
-    if {$::stopping && ![llength $::backlog]} {return [::qel::reactor stop]}
-    if {![room]} return
-    if {$::stopping} {
-        ::qel::reactor after 0 work
-        set ::backlog [lassign $::backlog ::current]
+# Does one job.  It is accepted once received, and done before anything else happens.  What
+# every job needs is an argument or linked: each "::name" would be looked up every time.
+proc work {jobs results dead name} {
+    global stopping current
+    if {$stopping && ![llength $::backlog]} {return [::qel::reactor stop]}
+    if {!([$results configure -events] & [$dead configure -events] & 2)} {return [pause]}
+    if {$stopping} {
+        ::qel::reactor after 0 $::work
+        set ::backlog [lassign $::backlog current]
     } else {
-        set ::current [$::jobs recv -nowait]
+        set current [$jobs recv -nowait]
     }
-    $::results send result $::name {*}[job {*}$::current]
-    set ::current {}
+    $results send result $name {*}[job {*}$current]
+    set current {}
 }
 
 # The background-error handler: an error while a job is in hand is the job's.
@@ -122,13 +119,16 @@ proc stop {signal} {
     }
     $::jobs disconnect $::option(-jobs)
     set ::stopping 1
-    work
+    eval $::work
 }
 
 array set option {-jobs "" -results "" -dead "" -name worker -job "" -config ""}
 foreach {word value} $argv {
     if {![info exists option($word)]} {puts stderr "unknown option $word"; exit 2}
     set option($word) $value
+}
+if {"" in [list $option(-jobs) $option(-results) $option(-dead)]} {
+    puts stderr "usage: worker.tcl -jobs endpoint -results endpoint -dead endpoint ..."; exit 2
 }
 set settings [read_settings $option(-config)]
 if {$option(-job) ne ""} {source $option(-job)}
@@ -139,7 +139,7 @@ foreach {socket type} {jobs PULL results PUSH dead PUSH} {
 $jobs configure -rcvhwm 50    ;# a short queue: jobs go to the workers that are free
 foreach socket {jobs results dead} {[set $socket] connect $option(-$socket)}
 ::qel::reactor bgerror failed
-::qel::reactor event $jobs readable work
+::qel::reactor event $jobs readable [set work [list work $jobs $results $dead $name]]
 beat
 ::qel::reactor start
 

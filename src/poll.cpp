@@ -73,7 +73,6 @@ bool channel_fd(Tcl_Interp* interp, const char* name, int* fd) {
              "HANDLE", name);
         return false;
     }
-    Tcl_ResetResult(interp); // of a registry that the socket look-up could not have
     *fd = static_cast<int>(reinterpret_cast<intptr_t>(handle));
     return true;
 }

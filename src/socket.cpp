@@ -394,17 +394,6 @@ constexpr Subcommand subcommands[] = {
     {nullptr, nullptr},
 };
 
-/* The ZeroMQ socket registered for a command (null allowed) in this thread, or null. */
-void* registered_socket(Tcl_Interp* interp, Tcl_Command token) {
-    PVSockets* p = token != nullptr ? pv_sockets(interp) : nullptr;
-    if (p == nullptr) {
-        return nullptr;
-    }
-    Tcl_HashEntry* entry =
-        Tcl_FindHashEntry(p->table, reinterpret_cast<const char*>(token));
-    return entry != nullptr ? Tcl_GetHashValue(entry) : nullptr;
-}
-
 } // namespace
 
 /* ::zmq::socket subcommand ?arg ...? */
@@ -423,11 +412,26 @@ int ParvoSocketCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
 }
 
 void* pv_socket_get(Tcl_Interp* interp, const char* name) {
-    return registered_socket(interp, Tcl_FindCommand(interp, name, nullptr, 0));
+    Tcl_Command token = Tcl_FindCommand(interp, name, nullptr, 0);
+    PVSockets* p = token != nullptr ? pv_sockets(interp) : nullptr;
+    if (p == nullptr) {
+        return nullptr;
+    }
+    Tcl_HashEntry* entry =
+        Tcl_FindHashEntry(p->table, reinterpret_cast<const char*>(token));
+    return entry != nullptr ? Tcl_GetHashValue(entry) : nullptr;
 }
 
+/* The record knows whether it stands in the registry: nothing is looked up there. */
 void* pv_socket_get_word(Tcl_Interp* interp, Tcl_Obj* word) {
-    return registered_socket(interp, Tcl_GetCommandFromObj(interp, word));
+    Tcl_CmdInfo info;
+    Tcl_Command token = Tcl_GetCommandFromObj(interp, word);
+    if (token == nullptr || Tcl_GetCommandInfoFromToken(token, &info) == 0 ||
+        info.objProc != pv_socket_command) {
+        return nullptr;
+    }
+    const auto* d = static_cast<const PVSockData*>(info.objClientData);
+    return d->entry != nullptr ? d->socket : nullptr;
 }
 
 PVSockData* pv_socket_data(Tcl_Interp* interp, const char* name) {

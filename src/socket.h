@@ -23,8 +23,9 @@ int ParvoSocketCmd(ClientData unused, Tcl_Interp* interp, int objc,
 void* pv_socket_get(Tcl_Interp* interp, const char* name);
 
 /*
- * The same for a word of a script.  The word remembers the command that it named, as
- * the first word of any command does, so that the next look-up is short.
+ * The same for a word of a script, without any error.  The word remembers the command
+ * that it named, as the first word of any command does, so that the next look-up is
+ * short.
  */
 void* pv_socket_get_word(Tcl_Interp* interp, Tcl_Obj* word);
 

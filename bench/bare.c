@@ -1,0 +1,178 @@
+/*
+ * bare.c -- the least that Tcl commands around libzmq cost.
+ *
+ * The commands have the names of the package's, so that the same procs run on them, and
+ * do what those procs need and nothing else: no message on an error (the process ends), no
+ * option, no count, no log, no check that a socket or a handler still is there.  The calls
+ * of libzmq are those that the package makes.  What Tcl itself takes remains: the call of
+ * a command, the result of a receive, the evaluation of a handler.
+ */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tcl.h>
+#include <zmq.h>
+
+enum { handlersMax = 1023 }; // sockets that a context holds
+
+static void* context;
+static zmq_pollitem_t items[handlersMax];
+static Tcl_Obj* scripts[handlersMax];
+static int handlers;
+static int running;
+
+static void check(int ok) {
+    if (!ok) {
+        fprintf(stderr, "bare: %s\n", zmq_strerror(zmq_errno()));
+        exit(1);
+    }
+}
+
+static Tcl_Obj* recv_frame(void* socket) {
+    zmq_msg_t frame;
+    check(zmq_msg_init(&frame) == 0 && zmq_msg_recv(&frame, socket, 0) != -1);
+    Tcl_Obj* bytes = Tcl_NewByteArrayObj(zmq_msg_data(&frame), (int) zmq_msg_size(&frame));
+    zmq_msg_close(&frame);
+    return bytes;
+}
+
+static void socket_recv(Tcl_Interp* interp, void* socket) {
+    Tcl_Obj* frames = Tcl_NewListObj(0, NULL);
+    int more;
+    do {
+        size_t size = sizeof more;
+        Tcl_ListObjAppendElement(NULL, frames, recv_frame(socket));
+        zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &size);
+    } while (more != 0);
+    Tcl_SetObjResult(interp, frames);
+}
+
+static void socket_send(void* socket, int count, Tcl_Obj* const words[]) {
+    for (int i = 0; i < count; i++) {
+        int length;
+        const unsigned char* bytes = Tcl_GetByteArrayFromObj(words[i], &length);
+        check(zmq_send(socket, bytes, (size_t) length, i + 1 < count ? ZMQ_SNDMORE : 0) !=
+              -1);
+    }
+}
+
+/* A socket's command: send, recv, bind, connect and configure, by their first letters. */
+static int method(ClientData socket, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    const char* word = Tcl_GetString(objv[1]);
+    char endpoint[64];
+    size_t size = sizeof endpoint;
+    if (*word == 's') {
+        socket_send(socket, objc - 2, objv + 2);
+    } else if (*word == 'r') {
+        socket_recv(interp, socket);
+    } else if (*word == 'b') {
+        check(zmq_bind(socket, Tcl_GetString(objv[2])) == 0);
+    } else if (word[3] == 'n') {
+        check(zmq_connect(socket, Tcl_GetString(objv[2])) == 0);
+    } else {
+        check(zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0);
+        Tcl_SetObjResult(interp, Tcl_NewStringObj(endpoint, -1));
+    }
+    return TCL_OK;
+}
+
+/* ::zmq::socket new type */
+static int socket_new(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    static const struct {
+        const char* word;
+        int type;
+    } types[] = {
+        {"PULL", ZMQ_PULL}, {"PUSH", ZMQ_PUSH}, {"REQ", ZMQ_REQ}, {"REP", ZMQ_REP}};
+    static int count;
+    (void) data, (void) objc;
+    for (size_t i = 0; i < sizeof types / sizeof *types; i++) {
+        if (strcmp(types[i].word, Tcl_GetString(objv[2])) == 0) {
+            Tcl_Obj* name = Tcl_ObjPrintf("::bare%d", count++);
+            void* socket = zmq_socket(context, types[i].type);
+            check(socket != NULL);
+            Tcl_CreateObjCommand(interp, Tcl_GetString(name), method, socket, NULL);
+            Tcl_SetObjResult(interp, name);
+        }
+    }
+    return TCL_OK;
+}
+
+static void* socket_of(Tcl_Interp* interp, Tcl_Obj* name) {
+    Tcl_CmdInfo info;
+    Tcl_GetCommandInfoFromToken(Tcl_GetCommandFromObj(interp, name), &info);
+    return info.objClientData;
+}
+
+/* ::zmq::poll socket... timeout */
+static int poll_once(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    static zmq_pollitem_t polled[handlersMax];
+    Tcl_Obj* ready = Tcl_NewListObj(0, NULL);
+    int timeout;
+    (void) data;
+    Tcl_GetIntFromObj(interp, objv[objc - 1], &timeout);
+    for (int i = 0; i < objc - 2; i++) {
+        polled[i] = (zmq_pollitem_t){socket_of(interp, objv[i + 1]), 0, ZMQ_POLLIN, 0};
+    }
+    check(zmq_poll(polled, objc - 2, timeout) != -1);
+    for (int i = 0; i < objc - 2; i++) {
+        if (polled[i].revents != 0) {
+            Tcl_ListObjAppendElement(NULL, ready, objv[i + 1]);
+        }
+    }
+    Tcl_SetObjResult(interp, ready);
+    return TCL_OK;
+}
+
+/* A socket has one handler. */
+static void event_set(void* socket, Tcl_Obj* script) {
+    int i = 0;
+    while (i < handlers && items[i].socket != socket) {
+        i++;
+    }
+    if (i == handlers) {
+        handlers++;
+    } else {
+        Tcl_DecrRefCount(scripts[i]);
+    }
+    items[i] = (zmq_pollitem_t){socket, 0, ZMQ_POLLIN, 0};
+    scripts[i] = script;
+    Tcl_IncrRefCount(script);
+}
+
+static void reactor_start(Tcl_Interp* interp) {
+    for (running = 1; running;) {
+        check(zmq_poll(items, handlers, -1) != -1);
+        for (int i = 0; i < handlers; i++) {
+            if (items[i].revents != 0 &&
+                Tcl_EvalObjEx(interp, scripts[i], TCL_EVAL_GLOBAL) != TCL_OK) {
+                check(0);
+            }
+        }
+    }
+}
+
+/* ::qel::reactor event socket readable script, start, stop */
+static int reactor(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    (void) data;
+    if (objc > 2) {
+        event_set(socket_of(interp, objv[2]), Tcl_DuplicateObj(objv[4]));
+    } else if (strcmp(Tcl_GetString(objv[1]), "start") == 0) {
+        reactor_start(interp);
+    } else {
+        running = 0;
+    }
+    return TCL_OK;
+}
+
+int Bare_Init(Tcl_Interp* interp) {
+    if (Tcl_InitStubs(interp, "8.5", 0) == NULL) {
+        return TCL_ERROR;
+    }
+    context = zmq_ctx_new();
+    Tcl_CreateNamespace(interp, "::zmq", NULL, NULL);
+    Tcl_CreateNamespace(interp, "::qel", NULL, NULL);
+    Tcl_CreateObjCommand(interp, "::zmq::socket", socket_new, NULL, NULL);
+    Tcl_CreateObjCommand(interp, "::zmq::poll", poll_once, NULL, NULL);
+    Tcl_CreateObjCommand(interp, "::qel::reactor", reactor, NULL, NULL);
+    return Tcl_PkgProvide(interp, "bare", "1.0");
+}
