@@ -308,6 +308,14 @@ foreach function {zmq_msg_init zmq_msg_recv zmq_msg_size zmq_msg_close zmq_getso
     }
 }
 
+# A peer that goes in the middle of a message: what is sent next is a message of its own.
+new_pair
+expect "send in part" [lindex [run_armed zmq_send 2 11 0 {push send a bb ccc} failures] 0] \
+    {send failed: Resource temporarily unavailable}
+push send next one
+expect "send in part: the next message" [list [pull recv -nowait] [pull recv -nowait]] {{a ccc} {next one}}
+close_pair
+
 # Failures without a caller: silence, standard error or the background-error handler.
 proc observe {name function error command check want {forgood 0}} {
     unset -nocomplain ::reported
