@@ -161,6 +161,36 @@ proc report {rows machine} {
     return $text
 }
 
+# The table in the README: the messages, and how they compare.
+proc summary {rows machine} {
+    set lines [list "$machine; medians of $::rounds rounds." "" \
+        "| workload | a second | of raw C (target) | times pyzmq (target) |" \
+        "|---|---:|---:|---:|"]
+    foreach row [lsearch -all -inline -index 0 $rows throughput] {
+        lassign $row - name title unit subject median
+        if {$subject ne "package"} continue
+        set line "| $title | [short $median $unit]"
+        foreach peer {raw pyzmq} {
+            set ratio [cell $rows 8 $name $peer]
+            append line [expr {$ratio eq "NaN" ? " |"
+                : [format " | %.2f (%s)" $ratio [cell $rows 9 $name $peer]]}]
+        }
+        lappend lines "$line |"
+    }
+    return [join $lines \n]
+}
+
+# Replaces what stands between the two marks.
+proc show_in {path text} {
+    set f [open $path]
+    set old [read $f]
+    close $f
+    lassign {"<!-- measured -->\n" "\n<!-- end of measured -->"} from to
+    set start [expr {[string first $from $old] + [string length $from]}]
+    write_file $path "[string range $old 0 $start-1]$text[string range $old \
+        [string first $to $old] end]"
+}
+
 proc write_file {path text} {
     set f [open $path w]
     puts -nonewline $f $text

@@ -87,7 +87,7 @@ lappend measurements [list start "" start {
     {start "start: until the package is there" ms -}
     {end "end: from exit until the process is gone" ms -}
     {start-end "start and end, without the pause of 100 ms" ms 5}
-} {tclsh {} floor -}]
+} {tclsh {} floor - bare -}]
 
 foreach {kind counts references} {
     sockets {10 100 1000} {raw - pyzmq -}
@@ -143,11 +143,11 @@ proc run {subject workload peer count} {
 }
 
 # Milliseconds to start a tclsh, without or with a package, to end it, and their sum
-# without the pause that the end of the context takes.  The package "floor" is empty:
-# what it costs is Tcl's own search for packages.
+# without the pause that the end of the context takes.  The package "floor" is empty: what
+# it costs is Tcl's own search for packages; "bare" loads libzmq as well.
 proc run_start {subject} {
-    set load [dict get {tclsh "" floor "package require floor" package "package require zmq"} \
-        $subject]
+    set load [dict get {tclsh "" floor "package require floor" bare "package require bare"
+        package "package require zmq"} $subject]
     set start [clock microseconds]
     set ready [exec [info nameofexecutable] << "$load\nputs \[clock microseconds\]\nexit"]
     set end [clock microseconds]
@@ -236,5 +236,8 @@ write_file [file join $directory results.csv] [csv $rows]
 write_file [file join $directory results.md] [report $rows $machine]
 if {[llength $names] == 0} {
     plot $directory $rows
+}
+if {$directory eq $here} {
+    show_in [file join [file dirname $here] README.md] [summary $rows $machine]
 }
 puts "written: [file join $directory results.md]"
