@@ -103,12 +103,22 @@ void dispatch_entry(const Pass& pass, size_t i) {
     }
 }
 
+/* The next position from i on whose entry reports events, or the number of entries. */
+size_t next_ready(const PVReactor* r, size_t i) {
+    while (i < r->poll.nitems && r->poll.items[i].revents == 0) {
+        i++;
+    }
+    return i;
+}
+
 void pv_reactor_dispatch(const Pass& pass) {
-    for (size_t i = 0; pass_lives(pass) && i < pass.r->poll.nitems; i++) {
-        if (pass.r->poll.items[i].revents != 0) {
-            pv_event_refresh(pass.r, i);
-            dispatch_entry(pass, i);
+    for (size_t i = 0; pass_lives(pass); i++) {
+        i = next_ready(pass.r, i);
+        if (i >= pass.r->poll.nitems) {
+            return;
         }
+        pv_event_refresh(pass.r, i);
+        dispatch_entry(pass, i);
     }
 }
 
