@@ -51,9 +51,11 @@ proc once {setup command undo} {
     uplevel #0 $undo
     return $what
 }
-proc repeat {n base row} {
+proc repeat {n base expected row} {
     for {set i 0} {$i < $n} {incr i} {
-        once {*}$row
+        if {[set got [once {*}$row]] ne $expected} {
+            error "[lindex $row 1]: $got instead of $expected"
+        }
         if {$i % 100 == 99} {settle $base 50}
     }
     settle $base 2000
@@ -76,11 +78,11 @@ proc examine {expected setup command undo} {
     set base [quiet]
     set tasks [threads]
     set row [list $setup $command $undo]
-    repeat [expr {$::iterations / 5}] $base $row
+    repeat [expr {$::iterations / 5}] $base $expected $row
     # A leak grows every time; what ZeroMQ's thread was late to give back does not.
     for {set tries 3; set grown 256} {$tries > 0 && $grown >= 256} {incr tries -1} {
         set kib [memory]
-        repeat $::iterations $base $row
+        repeat $::iterations $base $expected $row
         set grown [expr {[memory] - $kib}]
     }
     if {$grown >= 256} {
