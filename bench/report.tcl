@@ -185,7 +185,7 @@ proc show_in {path text} {
     set f [open $path]
     set old [read $f]
     close $f
-    lassign {"<!-- measured -->\n" "\n<!-- end of measured -->"} from to
+    lassign {"<!-- measured -->\n" "\n\n<!-- end of measured -->"} from to
     set start [expr {[string first $from $old] + [string length $from]}]
     write_file $path "[string range $old 0 $start-1]$text[string range $old \
         [string first $to $old] end]"

@@ -12,6 +12,12 @@ set names [list {*}{
     SIGTTOU SIGURG SIGXCPU SIGXFSZ SIGVTALRM SIGPROF SIGWINCH SIGIO SIGPWR SIGSYS
 }]
 
+# Valgrind does not let a program block the signals that faults raise.
+set unblockable {SIGKILL SIGSTOP}
+if {[info exists ::env(LD_PRELOAD)] && [string match *vgpreload* $::env(LD_PRELOAD)]} {
+    lappend unblockable SIGILL SIGTRAP SIGBUS SIGFPE SIGSEGV
+}
+
 proc contents {path} {
     set f [open $path]
     set text [read $f]
