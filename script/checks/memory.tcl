@@ -120,7 +120,8 @@ proc swallow {args} {}
 ::qel::reactor bgerror swallow
 proc later {script} {::qel::reactor after 0 $script}
 
-# expected error code or "ok", setup, command, what undoes it
+# expected error code or "ok", setup, command, what undoes it.  A send that does not wait
+# fails when ZeroMQ has not looked yet whether the peer made room: "-events" makes it look.
 set rows {}
 foreach command {
     ::zmq::version ::zmq::build ::qel::timestamp ::zmq::debug {::zmq::debug off word}
@@ -147,7 +148,7 @@ foreach {setup command undo} {
     {} {u configure -subscribe topic} {u configure -unsubscribe topic}
     {} {d connect inproc://o} {d disconnect inproc://o; catch {o recv -nowait}}
     {} {p send a bb ccc} {s recv -nowait}
-    {} {p send -nowait a} {s recv -nowait}
+    {p configure -events} {p send -nowait a} {s recv -nowait}
     {p send a bb ccc} {s recv -nowait} {}
     {p send word} {s recv} {}
     {p send a} {::zmq::poll s $r 0} {s recv}
