@@ -179,8 +179,11 @@ void poll_once(const Pass& pass, Backoff* backoff) {
     const int ready =
         pv_poll_wait(r->poll.items, static_cast<int>(r->poll.nitems), timeout);
     if (ready < 0) {
-        pv_reactor_poll_error(errno);
-        backoff_grow(backoff);
+        const int error = errno;
+        pv_reactor_poll_error(error);
+        if (error != EINTR) { // after a signal handler the next poll may well succeed
+            backoff_grow(backoff);
+        }
         return;
     }
     backoff->pause = 0;

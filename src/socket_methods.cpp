@@ -146,16 +146,22 @@ int send_frame(void* socket, Tcl_Obj* word, int flags) {
                                                                              : -1;
 }
 
-/*
- * A peer went while a message was half sent: libzmq has taken back what it had and
- * drops what follows, up to the end of the message.  It must see that end, or it would
- * drop the next message instead.  A PAIR socket drops nothing and might take the rest
- * for a message to a new peer.
- */
-void send_dropped_rest(void* socket, int count, Tcl_Obj* const words[]) {
+/* Whether a socket gives each message to one of its peers in turn, without addresses. */
+bool takes_turns(void* socket) {
     int type = ZMQ_PAIR;
     size_t size = sizeof type;
-    if (zmq_getsockopt(socket, ZMQ_TYPE, &type, &size) == -1 || type == ZMQ_PAIR) {
+    return zmq_getsockopt(socket, ZMQ_TYPE, &type, &size) == 0 &&
+           (type == ZMQ_PUSH || type == ZMQ_DEALER || type == ZMQ_REQ);
+}
+
+/*
+ * A peer went while a message was half sent: libzmq has taken back what it had and, on
+ * sockets that take turns over their peers, drops what follows up to the end of the
+ * message.  It must see that end, or it would drop the next message instead.  Others
+ * drop nothing and would take the rest for something new, an address even.
+ */
+void send_dropped_rest(void* socket, int count, Tcl_Obj* const words[]) {
+    if (!takes_turns(socket)) {
         return;
     }
     for (int i = 0; i < count; i++) {

@@ -84,6 +84,7 @@ INT_CALL(sigfillset, (sigset_t * s), (s))
 INT_CALL(sigaddset, (sigset_t * s, int n), (s, n))
 INT_CALL(sigdelset, (sigset_t * s, int n), (s, n))
 INT_CALL(sigismember, (const sigset_t* s, int n), (s, n))
+INT_CALL(usleep, (useconds_t u), (u))
 INT_CALL(gettimeofday, (struct timeval * t, void* z), (t, z))
 
 /* These release before they fail. */
@@ -97,6 +98,7 @@ RELEASING_CALL(zmq_msg_close, zmq_msg_t* m, m)
 RELEASING_CALL(zmq_close, void* s, s)
 RELEASING_CALL(zmq_ctx_term, void* c, c)
 RELEASING_CALL(fclose, FILE* f, f)
+RELEASING_CALL(close, int fd, fd)
 
 #define POINTER_CALL(type, name, params, args)                                         \
     type name params {                                                                 \

@@ -316,18 +316,48 @@ push send next one
 expect "send in part: the next message" [list [pull recv -nowait] [pull recv -nowait]] {{a ccc} {next one}}
 close_pair
 
-# Failures without a caller: silence, standard error or the background-error handler.
+# Where frames are addresses and data in turn, nothing is sent after the one that failed.
+::zmq::socket create st STREAM
+st bind tcp://127.0.0.1:*
+set client [socket 127.0.0.1 [lindex [split [st configure -last_endpoint] :] end]]
+fconfigure $client -blocking 0 -translation binary
+st configure -rcvtimeo 20000
+set id [lindex [st recv] 0]
+run_armed zmq_send 3 11 0 {st send $id one $id two} failures
+st send $id three
+for {set tries 5000; set got {}} {$tries > 0 && $got ne "onethree"} {incr tries -1; after 2} {
+    append got [read $client]
+}
+expect "send to several in part" $got onethree
+close $client
+st close
+
+# Failures without a caller: silence, standard error or the background-error handler.  The
+# first call's failure is looked at; later ones, and a failure for good, must leave the
+# process as it was and the command able to succeed.  (A signal that can never be read
+# stays pending, and would end the process when it is unblocked.)
 proc observe {name function error command check want {forgood 0}} {
     unset -nocomplain ::reported
     stderr_news
     set result [run_armed $function 1 $error $forgood $command failures]
     if {$failures == 0} {complain "$name: $function is never called"}
     expect $name [list $result [uplevel #0 $check]] [list ok $want]
+    foreach lasting [expr {$forgood || $function eq "read" ? 0 : {0 1}}] {
+        set failures 1
+        for {set n [expr {2 - $lasting}]} {$failures > 0} {incr n} {
+            set before [process_state]
+            expect "$name: call $n" [run_armed $function $n $error $lasting $command failures] ok
+            expect "$name: call $n: state" [process_state] $before
+        }
+    }
+    expect "$name: again" [run_armed none 1 0 0 $command failures] ok
 }
 proc silent {} {}
-foreach {function} {gettimeofday localtime_r strftime} {
+foreach function {gettimeofday localtime_r strftime} {
     observe timestamp $function 22 {set ::t [::qel::timestamp]} {set ::t} {}
 }
+expect "poll in slices" [run_armed zmq_poll 1 22 0 {::zmq::poll 7200000} failures] \
+    {{poll failed: Invalid argument} {ZMQ POLL}}
 set logFile $work/log
 proc logged {} {
     ::zmq::debug file $::logFile
@@ -340,6 +370,7 @@ observe log fopen 13 logged {regexp {sockets now using the default context: 1\n}
 observe log fclose 28 logged {stderr_news} \
     "log_stream_close: failed to close log stream: No space left on device\n"
 observe log gettimeofday 22 logged {set f [open $::logFile]; set m [regexp -line {^:\(null\):debug:} [read $f]]; close $f; set m} 1
+observe descriptor close 5 {::qel::reactor signal trap USR1 x; signals_default} silent {}
 foreach {error text} {
     14 {one of the poll itemsis not valid: Bad address}
     156384765 {one of the poll itemsis a zmq socket whose ctx was terminated: Context was terminated}
@@ -349,8 +380,11 @@ foreach {error text} {
     observe poll-$error zmq_poll $error {run_reactor 20} stderr_news \
         "TIME:-:reactor:error:\[[pid]\]:-: $text\n"
 }
-observe poll-for-good zmq_poll 9 {run_reactor 300} \
-    {set lines [llength [split [string trim [stderr_news]] \n]]; expr {$lines > 3 && $lines < 15}} 1 1
+# Polls that go on failing come at growing intervals, up to a second; interrupted ones do not.
+proc poll_errors {} {llength [split [string trim [stderr_news]] \n]}
+observe poll-for-good zmq_poll 9 {run_reactor 2200} \
+    {set lines [poll_errors]; expr {$lines > 3 && $lines < 15}} 1 1
+observe poll-interrupted zmq_poll 4 {run_reactor 50} {expr {[poll_errors] > 50}} 1 1
 proc signalled {} {
     set ::ran {}
     ::qel::reactor signal trap USR1 {lappend ::ran}
@@ -389,9 +423,13 @@ foreach {name function error scenario wants modes} $threadRows {
 }
 
 # The context's end ignores its result; a new context serves the next socket.
-fault arm zmq_ctx_term 1 4 forgood
-lose_context
-expect {context ended} [fault off] 1
+foreach function {zmq_ctx_term usleep} {
+    fault arm $function 1 4 forgood
+    lose_context
+    expect "context ended: $function" [fault off] 1
+    ::zmq::socket create s PUSH
+    s close
+}
 ::zmq::socket create s PUSH
 s close
 
