@@ -47,6 +47,8 @@ set places {
     top      {::qel::reactor after 0 {::qel::reactor stop}; ::qel::reactor start; begin_end}
     readable {::a send x; ::qel::reactor event ::b readable begin_end}
     writable {::qel::reactor event ::a writable begin_end}
+    channel-readable {lassign [chan pipe] r w; puts $w x; flush $w; ::qel::reactor event $r readable begin_end}
+    channel-writable {lassign [chan pipe] r w; ::qel::reactor event $w writable begin_end}
     timer    {::qel::reactor after 0 begin_end}
     trap     {signal_self USR1}
     bgerror  {::qel::reactor bgerror begin_end; ::qel::reactor after 0 {error first}}
