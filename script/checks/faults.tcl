@@ -384,7 +384,7 @@ foreach {error text} {
 proc poll_errors {} {llength [split [string trim [stderr_news]] \n]}
 observe poll-for-good zmq_poll 9 {run_reactor 2200} \
     {set lines [poll_errors]; expr {$lines > 3 && $lines < 15}} 1 1
-observe poll-interrupted zmq_poll 4 {run_reactor 50} {expr {[poll_errors] > 50}} 1 1
+observe poll-interrupted zmq_poll 4 {run_reactor 50} {expr {[poll_errors] > 20}} 1 1
 proc signalled {} {
     set ::ran {}
     ::qel::reactor signal trap USR1 {lappend ::ran}

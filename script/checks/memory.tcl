@@ -203,6 +203,10 @@ foreach {code command} {
     {QEL SIGNAL PARSE} {::qel::reactor signal status {USR1 word}}
     {TCL VALUE LIST BRACE} {::qel::reactor signal block "\{"}
     {QEL SIGNAL PARSE} {::qel::reactor signal unblock {USR1 word}}
+    {QEL SIGNAL PARSE} {::qel::reactor signal default 99}
+    {TCL LOOKUP INDEX subcommand word} {::qel::reactor word}
+    {TCL LOOKUP INDEX subcommand word} {::qel::reactor signal word}
+    $wrong {::zmq::poll}  $wrong {s configure -linger 1 word}  $wrong {s recv -nowait word}
 } {
     lappend rows [subst $code] {} [subst -nocommands $command] {}
 }
