@@ -136,8 +136,8 @@ def sockets(count):
 
 
 def resident():
-    with open("/proc/self/status") as status:
-        line = next(line for line in status if line.startswith("VmRSS:"))
+    with open("/proc/self/smaps_rollup") as maps:
+        line = next(line for line in maps if line.startswith("Rss:"))
     return int(line.split()[1]) * 1024
 
 

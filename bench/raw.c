@@ -204,10 +204,10 @@ _Noreturn static double echo(char** args) {
 static double resident(void) {
     char line[256];
     double kilobytes = 0;
-    FILE* f = fopen("/proc/self/status", "r");
-    check(f != NULL, "status");
+    FILE* f = fopen("/proc/self/smaps_rollup", "r");
+    check(f != NULL, "smaps_rollup");
     while (fgets(line, sizeof line, f) != NULL) {
-        sscanf(line, "VmRSS: %lf", &kilobytes);
+        sscanf(line, "Rss: %lf", &kilobytes);
     }
     fclose(f);
     return kilobytes * 1024;
@@ -273,6 +273,48 @@ static double employ(char** args) {
     return (double) count / (now() - start);
 }
 
+static int events(void* s) {
+    int now;
+    size_t size = sizeof now;
+    check(zmq_getsockopt(s, ZMQ_EVENTS, &now, &size) == 0, "events");
+    return now;
+}
+
+/* Sends what a job yields: the job itself, after two words. */
+static void job_do(void* jobs, void* results) {
+    int more;
+    check(zmq_send(results, "result", 6, ZMQ_SNDMORE) != -1, "send");
+    check(zmq_send(results, "worker", 6, ZMQ_SNDMORE) != -1, "send");
+    do {
+        zmq_msg_t frame;
+        size_t size = sizeof more;
+        zmq_msg_init(&frame);
+        check(zmq_msg_recv(&frame, jobs, ZMQ_DONTWAIT) != -1, "recv");
+        check(zmq_getsockopt(jobs, ZMQ_RCVMORE, &more, &size) == 0, "more");
+        check(zmq_send(results, zmq_msg_data(&frame), zmq_msg_size(&frame),
+                       more != 0 ? ZMQ_SNDMORE : 0) != -1,
+              "send");
+        zmq_msg_close(&frame);
+    } while (more != 0);
+}
+
+/* What the worker does for a job, until it is killed; its three options with endpoints. */
+_Noreturn static double worker(char** args) {
+    const int hwm = 50;
+    void* jobs = socket_new(ZMQ_PULL);
+    zmq_pollitem_t item = {jobs, 0, ZMQ_POLLIN, 0};
+    check(zmq_setsockopt(jobs, ZMQ_RCVHWM, &hwm, sizeof hwm) == 0, "rcvhwm");
+    check(zmq_connect(jobs, args[1]) == 0, "connect");
+    void* results = socket_connected(ZMQ_PUSH, args[3]);
+    void* dead = socket_connected(ZMQ_PUSH, args[5]);
+    for (;;) {
+        check(zmq_poll(&item, 1, 1000) != -1, "poll");
+        if (item.revents != 0 && (events(results) & events(dead) & ZMQ_POLLOUT) != 0) {
+            job_do(jobs, results);
+        }
+    }
+}
+
 /* Sends until it is killed: endpoint, size. */
 _Noreturn static double source(char** args) {
     const size_t size = strtoul(args[1], NULL, 10);
@@ -301,6 +343,7 @@ int main(int argc, char** argv) {
         {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 2, rtt},
         {"echo", 0, echo},     {"sockets", 1, idle_sockets},
         {"source", 2, source}, {"sink", 1, sink},       {"jobs", 2, employ},
+        {"worker", 6, worker},
     };
     prctl(PR_SET_PDEATHSIG, SIGTERM); // a peer never outlives the driver
     context = zmq_ctx_new();

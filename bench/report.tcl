@@ -77,7 +77,7 @@ proc machine {} {
         "import sys, zmq; print(zmq.zmq_version(), 'pyzmq', zmq.__version__, 'on Python', sys.version.split()\[0\])"]
     return "[first_match {^model name\s*: (.*)$} /proc/cpuinfo], $cores cores, [first_match \
         {^PRETTY_NAME="(.*)"$} /etc/os-release], Linux $::tcl_platform(osVersion), Tcl\
-        [info patchlevel], libzmq $versions"
+        [info patchlevel], libzmq [string map {{ pyzmq} {, pyzmq}} $versions]"
 }
 
 # One Markdown table: a line an output, a column a subject.
@@ -122,20 +122,22 @@ proc table {section rows} {
     return [join $lines \n]
 }
 
-# How far commands come that do nothing but call libzmq: their ratios beside the targets
-# and what the package reaches.
+# How far raw C and bare commands come, beside the targets and what the package reaches.
 proc limits {rows} {
     set lines {
-        "| workload | raw C: bare commands | target | reached | pyzmq: bare commands | target | reached |"
-        "|---|---:|---:|---:|---:|---:|---:|"
+        "| workload | of raw C: bare commands | target | reached | times pyzmq: raw C | bare commands | target | reached |"
+        "|---|---:|---:|---:|---:|---:|---:|---:|"
     }
     foreach row $rows {
         lassign $row section name - - subject
-        if {$section ne "throughput" || $subject ne "bare"} continue
+        if {$section ne "throughput" || $subject ne "raw"} continue
         set line "| $name"
-        foreach peer {raw pyzmq} {
-            append line " | [compared op/s $name $peer bare] | [cell $rows 9 $name $peer]\
-                | [cell $rows 8 $name $peer]"
+        foreach {peer limits} {raw bare pyzmq {raw bare}} {
+            foreach limit $limits {
+                append line " | [expr {[info exists ::samples($name,$limit)]
+                    ? [compared op/s $name $peer $limit] : {}}]"
+            }
+            append line " | [cell $rows 9 $name $peer] | [cell $rows 8 $name $peer]"
         }
         lappend lines "$line |"
     }
@@ -150,9 +152,9 @@ proc report {rows machine} {
     append text "\n[file tail $::here]/README.md tells what each row measures.\n"
     foreach {section title} {
         throughput "Messages" timers "Timers against Tcl's own"
-        limits "What bare commands reach" floor "What nothing costs" start "Start and end" growth "What one costs, and how that grows"
+        limits "What raw C and bare commands reach" floor "What nothing costs" start "Start and end" growth "What one costs, and how that grows"
     } {
-        if {$section eq "limits" && [lsearch -index 4 $rows bare] >= 0} {
+        if {$section eq "limits" && [lsearch -index 4 $rows raw] >= 0} {
             append text "\n## $title\n\n[limits $rows]\n"
         } elseif {[lsearch -index 0 $rows $section] >= 0} {
             append text "\n## $title\n\n[table $section $rows]\n"
@@ -164,16 +166,17 @@ proc report {rows machine} {
 # The table in the README: the messages, and how they compare.
 proc summary {rows machine} {
     set lines [list "$machine; medians of $::rounds rounds." "" \
-        "| workload | a second | of raw C (target) | times pyzmq (target) |" \
-        "|---|---:|---:|---:|"]
+        "| workload | a second | of raw C (target) | times pyzmq (target) | times pyzmq, one frame |" \
+        "|---|---:|---:|---:|---:|"]
     foreach row [lsearch -all -inline -index 0 $rows throughput] {
         lassign $row - name title unit subject median
         if {$subject ne "package"} continue
         set line "| $title | [short $median $unit]"
-        foreach peer {raw pyzmq} {
+        foreach peer {raw pyzmq plain} {
             set ratio [cell $rows 8 $name $peer]
-            append line [expr {$ratio eq "NaN" ? " |"
-                : [format " | %.2f (%s)" $ratio [cell $rows 9 $name $peer]]}]
+            set target [cell $rows 9 $name $peer]
+            append line [expr {$ratio eq "NaN" ? " |" : [format " | %.2f" $ratio]}] \
+                [expr {$target in {NaN -} ? "" : " ($target)"}]
         }
         lappend lines "$line |"
     }

@@ -20,7 +20,7 @@ set subjects [dict create \
     pyzmq [concat $python multipart] plain [concat $python plain] after [concat $tcl zmq]]
 set workers [dict create \
     package [list [info nameofexecutable] [file join [file dirname $here] examples worker.tcl]] \
-    pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
+    raw [list $raw worker] pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
 source [file join $here report.tcl]
 
 # The rows.  A measurement is {section workload peer outputs references}: workload is what
@@ -61,7 +61,8 @@ foreach {idle target pyzmq polled} {
 }
 
 lappend measurements {throughput {jobs 1024} job
-    {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}} {pyzmq 2}}
+    {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}}
+    {raw - pyzmq 2}}
 
 foreach count {1000 100000} {
     set outputs {}

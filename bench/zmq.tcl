@@ -230,8 +230,8 @@ proc workload_due {which count} {
 # Growth: microseconds to create and to delete one of count, and the bytes one holds.
 
 proc resident {} {
-    set f [open /proc/self/status]
-    regexp {VmRSS:\s+(\d+)} [read $f] -> kilobytes
+    set f [open /proc/self/smaps_rollup] ;# exact, which VmRSS is not
+    regexp {Rss:\s+(\d+)} [read $f] -> kilobytes
     close $f
     return [expr {$kilobytes * 1024}]
 }
