@@ -1,14 +1,15 @@
 # odd.tcl seed count -- calls every command, method and option with valid, boundary and
 # absurd words, from top level and from inside handlers.
 #
-# The generator is seeded: the same seed makes the same commands.  Three rules keep it from
+# The generator is seeded: the same seed makes the same commands.  Four rules keep it from
 # waiting for ever: blocking calls are made with time-outs, the loop is always stopped by a
-# handler that the generator does not know, and no socket lingers.
+# handler that the generator does not know, no socket lingers, and the pipe does not block.
 
 package require zmq
 lassign $argv seed count
 expr {srand($seed)}
 set done 0
+set raised 0
 
 proc pick {list} {lindex $list [expr {int(rand() * [llength $list])}]}
 
@@ -35,6 +36,9 @@ set scratch [file normalize $::env(ODD_SCRATCH)]
 cd $scratch
 set signals {HUP SIGHUP INT USR1 SIGUSR2 10 12 17 SIGCLD 0 32 * WINCH URG SIGRTMIN}
 set names {s0 s1 s2 s3 ::s4 "a b" "\u20ac" x::y}
+# A pipe whose ends are polled like sockets; only "traffic" reads and writes it.
+lassign [chan pipe] source sink
+foreach end [list $source $sink] {chan configure $end -blocking 0 -translation binary}
 
 proc word {} {
     switch [pick {word word word name signal option small socket}] {
@@ -42,7 +46,7 @@ proc word {} {
         signal {pick $::signals}
         option {pick $::options}
         small {expr {int(rand() * 40) - 5}}
-        socket {pick [concat [::zmq::socket names] none]}
+        socket {pick [concat [::zmq::socket names] none $::source $::sink]}
         default {
             if {rand() < 0.01} {return $::megabyte}
             pick $::words
@@ -77,12 +81,49 @@ proc run_reactor {} {
     catch {::qel::reactor start}
     ::qel::reactor event ::guard writable {}
 }
+# Empties the pipe or writes to it, which may fill it; what does not fit waits in Tcl, once.
+proc traffic {size} {
+    if {$size == 0} {
+        read $::source
+    } elseif {[chan pending output $::sink] == 0} {
+        puts -nonewline $::sink [string repeat x $size]
+        flush $::sink
+    }
+}
+# Raises a signal that is trapped now, for its handler to run.
+proc raise {} {
+    set trapped [dict keys [::qel::reactor signal trap]]
+    foreach name {USR1 USR2} {
+        if {"SIG$name" in $trapped} {
+            # It is there even if exec fails, as it does while SIGCHLD is ignored.
+            catch {exec kill -$name [pid]}
+            incr ::raised
+        }
+    }
+}
+# Whether a raised signal waits for its handler.
+proc pending {} {
+    set f [open /proc/self/status]
+    regexp {ShdPnd:\s+(\w+)} [read $f] -> set
+    close $f
+    expr {"0x$set" & 0xa00}
+}
+# Tcl writes what waits in the pipe when it exits, and would wait for a reader.  Its event
+# loop writes it before: a flush does nothing once that has begun.
+proc finish {status} {
+    while {[chan pending output $::sink] > 0} {
+        read $::source
+        update
+    }
+    exit $status
+}
 
 # One command: the words of a call.
 proc generate {} {
+    if {rand() < 0.002} {return raise}
     switch [pick {new create create method method method method send recv configure
         configure poll debug reactor event event after after signal signal bgerror run
-        utility close trace interp rename}] {
+        utility extra traffic close trace interp rename}] {
         new {list ::zmq::socket new [pick $::types]}
         create {list ::zmq::socket create [pick [concat $::names [list [word]]]] [pick $::types]}
         method {list [live] [pick {bind unbind connect disconnect stats destroy x {}}] \
@@ -91,20 +132,24 @@ proc generate {} {
         recv {set s [live]; timed $s; list $s recv {*}[pick {{} -nowait x}]}
         configure {list [live] configure {*}[lrange [list [pick [concat $::options [list [word]]]] \
             [word] [word]] 0 [pick {-1 0 1 1 1 2}]]}
-        poll {list ::zmq::poll {*}[some 0 3] [live] [pick {0 0 0 x}]}
+        poll {list ::zmq::poll {*}[some 0 3] [pick [list [live] [live] $::source $::sink]] \
+            [pick {0 0 0 x}]}
         debug {list ::zmq::debug {*}[pick [list {} 0 off [list worker [word]] [list node [word]] \
             [list [word] [word]] {file /nonexistent/x} worker {a b c}]]}
         reactor {list ::qel::reactor [pick {events stop timeout xx ev st event {}}] {*}[some 0 2]}
-        event {list ::qel::reactor event [pick [list [live] [live] [word]]] \
+        event {list ::qel::reactor event [pick [list [live] [live] [word] $::source $::sink]] \
             [pick {readable writable read x}] [handler]}
         after {list ::qel::reactor after [pick [list 0 1 5 -1 info cancel [word]]] {*}[pick \
             [list {} [list [handler]] [list after#[expr {int(rand() * 50)}]] [some 0 3]]]}
         signal {list ::qel::reactor signal [pick {default ignore trap status block unblock x}] \
             {*}[pick [list {} [list [pick $::signals]] [list [pick $::signals] [handler]] [some 0 3]]]}
-        bgerror {list ::qel::reactor bgerror {*}[pick [list {} ::qel::BgError swallow [list [word]]]]}
+        bgerror {list ::qel::reactor bgerror {*}[pick [list {} ::qel::BgError swallow {{step 1}} \
+            [list [word]]]]}
         run {list run_reactor}
         utility {list [pick {::zmq::build ::zmq::version ::qel::timestamp ::zmq::socket ::zmq::poll
             ::zmq::debug ::qel::reactor}] {*}[some 0 3]}
+        extra {list {*}[pick {{::zmq::socket names} {::qel::reactor start}}] {*}[some 1 3]}
+        traffic {list traffic [pick {0 0 1 100000}]}
         close {list [live] close}
         trace {list trace add command [live] delete {apply {args {catch {step 1}}}}}
         interp {list [expr {rand() < 0.1 ? "interp_round" : "::qel::timestamp"}]}
@@ -129,6 +174,9 @@ proc harmless {command} {
     if {$name eq "::zmq::poll" && [string is wideinteger -strict [lindex $command end]]
         && [lindex $command end] ni {0 1}} {return 0}
     if {$name eq "rename" && ![string match ::zmq::zsock* $sub] && $sub ni $::names} {return 0}
+    # Without its trap a signal that waits would end the process.
+    if {$name eq "::qel::reactor" && [string match s* $sub] && [llength $command] > 3
+        && $::raised && [pending]} {return 0}
     # A long linger time holds the end of the program up, as it is meant to.
     if {[lindex $command 2] eq "-linger" && [string is wideinteger -strict [lindex $command 3]]
         && [lindex $command 3] ni {0 1}} {return 0}
@@ -143,15 +191,16 @@ proc harmless {command} {
     return [expr {![string match inproc:* [lindex $command 2]]
         || [catch {$name configure -type} type] || $type ne "STREAM"}]
 }
-proc step {n} {
+# Background errors come with the error's words.
+proc step {n args} {
     for {} {$n > 0 && $::done < $::count} {incr n -1} {
-        incr ::done
         set command [generate]
         if {![harmless $command]} continue
+        incr ::done
         if {[info exists ::env(ODD_TRACE)]} {puts stderr [string range $command 0 300]}
         if {[catch {uplevel #0 $command} message] == 1 && $message eq ""} {
             puts "no message: [string range $command 0 200]"
-            exit 1
+            finish 1
         }
         if {[llength [::zmq::socket names]] > 40} {
             foreach s [::zmq::socket names] {if {![string match ::guard* $s]} {catch {$s close}}}
@@ -159,6 +208,11 @@ proc step {n} {
     }
 }
 
+# Tcl's notifier thread starts here, and must never take the signals that are raised: a
+# thread that does not block them would meet their disposition.
+::qel::reactor signal block {USR1 USR2}
+after 0 {set started 1}
+vwait started
 ::zmq::socket create ::guard PUSH
 ::guard bind inproc://guard
 ::zmq::socket create ::guarded PULL
@@ -170,5 +224,5 @@ foreach {name type} {a ROUTER b PAIR} {
 while {$done < $count} {
     step 1
 }
-puts "$done commands"
-exit 0
+puts "$done commands, $raised signals raised"
+finish 0
