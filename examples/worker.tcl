@@ -80,18 +80,16 @@ proc pause {} {
 
 proc resume {socket} {
     ::qel::reactor event $socket writable {}
-    ::qel::reactor event $::jobs readable $::work
-    if {$::stopping} $::work
+    if {$::stopping} drain else {::qel::reactor event $::jobs readable $::work}
 }
 
 # Does one job.  It is accepted once received, and done before anything else happens.  What
 # every job needs is an argument or linked: each "::name" would be looked up every time.
-proc work {jobs results dead name} {
-    global stopping current
-    if {$stopping && ![llength $::backlog]} {return [::qel::reactor stop]}
+proc work {jobs results dead name {draining 0}} {
+    global current
     if {!([$results configure -events] & [$dead configure -events] & 2)} {return [pause]}
-    if {$stopping} {
-        ::qel::reactor after 0 $::work
+    if {$draining} {
+        ::qel::reactor after 0 drain
         set ::backlog [lassign $::backlog current]
     } else {
         set current [$jobs recv -nowait]
@@ -99,6 +97,8 @@ proc work {jobs results dead name} {
     $results send result $name {*}[job {*}$current]
     set current {}
 }
+
+proc drain {} {if {[llength $::backlog]} {{*}$::work 1} else {::qel::reactor stop}}
 
 # The background-error handler: an error while a job is in hand is the job's.
 proc failed {message {options {}}} {
@@ -119,7 +119,7 @@ proc stop {signal} {
     }
     $::jobs disconnect $::option(-jobs)
     set ::stopping 1
-    eval $::work
+    drain
 }
 
 array set option {-jobs "" -results "" -dead "" -name worker -job "" -config ""}
