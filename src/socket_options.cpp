@@ -9,6 +9,7 @@
 #include "socket.h"
 #include "tclsupport.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <string.h>
 #include <zmq.h>
@@ -148,9 +149,26 @@ Tcl_Obj* pv_option_get_z85(void* socket, int code) {
 
 // The writers.
 
+/*
+ * Bytes of a topic that one may subscribe to.  libzmq 4.3 releases a topic by a nested
+ * call for each byte, on a thread of its own, whose stack would overrun and end the
+ * process: 8 MiB hold some 100,000 calls, and 2 MiB are the least a thread has by
+ * default.
+ */
+constexpr size_t topicMax = 16384;
+
+int set_unless_fatal(void* socket, const PVSockOpt* opt, const void* value,
+                     size_t size) {
+    if (opt->code == ZMQ_SUBSCRIBE && size > topicMax) {
+        errno = EINVAL;
+        return -1;
+    }
+    return zmq_setsockopt(socket, opt->code, value, size);
+}
+
 int option_set(Tcl_Interp* interp, void* socket, const PVSockOpt* opt,
                const void* value, size_t size, const char* word) {
-    if (zmq_setsockopt(socket, opt->code, value, size) == 0) {
+    if (set_unless_fatal(socket, opt, value, size) == 0) {
         return TCL_OK;
     }
     Tcl_Obj* message = Tcl_ObjPrintf("failed to set option \"%s\": %s", opt->name,
