@@ -146,7 +146,7 @@ int send_frame(void* socket, Tcl_Obj* word, int flags) {
                                                                              : -1;
 }
 
-/* Whether a socket gives each message to one of its peers in turn, without addresses. */
+/* Whether a socket gives each message to one of its peers in turn, unaddressed. */
 bool takes_turns(void* socket) {
     int type = ZMQ_PAIR;
     size_t size = sizeof type;
