@@ -48,16 +48,16 @@ proc listen {} {
     }
 }
 
-# A worker has room for a job.
+# A worker has room for a job.  It may be gone by now: then the job waits for another one,
+# and this process goes on listening.
 proc push {} {
-    set text [next_text]
-    if {$text eq ""} {
+    if {$::text eq "" && [set ::text [next_text]] eq ""} {
         ::qel::reactor event $::jobs writable {}
         $::results send total $::number
-        return
+    } elseif {![catch {$::jobs send -nowait $::number $::text}]} {
+        incr ::number
+        set ::text ""
     }
-    $::jobs send $::number $text
-    incr ::number
 }
 
 # The text of the next job, of one file; empty after the last file.
@@ -92,6 +92,7 @@ proc read_lines {} {
 }
 
 set files [lassign $argv option endpoint]
+set text ""    ;# the job that is to be sent next
 set jobs [::zmq::socket new PUSH]
 $jobs configure -sndhwm 2    ;# what waits here can still go to any worker
 $jobs bind tcp://127.0.0.1:*
