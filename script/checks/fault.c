@@ -2,7 +2,7 @@
  * fault.c -- makes the N-th call of a chosen function fail, once or for good.
  *
  * Preloaded, it stands before libzmq and libc; loaded as a package, it also puts itself
- * into Tcl's stubs table.  Only calls that come from libparvo.so count.  Loaded into the same tclsh as a package it gives the command
+ * into Tcl's stubs table and gives a command.  Only calls that come from libparvo.so count.
  *
  *   fault arm function n error ?forgood?   fails the n-th call from here on
  *   fault off                              gives how often the armed function failed
