@@ -273,18 +273,12 @@ static double employ(char** args) {
     return (double) count / (now() - start);
 }
 
-static int events(void* s) {
-    int now;
-    size_t size = sizeof now;
-    check(zmq_getsockopt(s, ZMQ_EVENTS, &now, &size) == 0, "events");
-    return now;
-}
-
 /* Sends what a job yields: the job itself, after two words. */
 static void job_do(void* jobs, void* results) {
+    const int flags = ZMQ_DONTWAIT | ZMQ_SNDMORE;
     int more;
-    check(zmq_send(results, "result", 6, ZMQ_SNDMORE) != -1, "send");
-    check(zmq_send(results, "worker", 6, ZMQ_SNDMORE) != -1, "send");
+    check(zmq_send(results, "result", 6, flags) != -1, "send");
+    check(zmq_send(results, "worker", 6, flags) != -1, "send");
     do {
         zmq_msg_t frame;
         size_t size = sizeof more;
@@ -292,7 +286,7 @@ static void job_do(void* jobs, void* results) {
         check(zmq_msg_recv(&frame, jobs, ZMQ_DONTWAIT) != -1, "recv");
         check(zmq_getsockopt(jobs, ZMQ_RCVMORE, &more, &size) == 0, "more");
         check(zmq_send(results, zmq_msg_data(&frame), zmq_msg_size(&frame),
-                       more != 0 ? ZMQ_SNDMORE : 0) != -1,
+                       more != 0 ? flags : ZMQ_DONTWAIT) != -1,
               "send");
         zmq_msg_close(&frame);
     } while (more != 0);
@@ -306,10 +300,10 @@ _Noreturn static double worker(char** args) {
     check(zmq_setsockopt(jobs, ZMQ_RCVHWM, &hwm, sizeof hwm) == 0, "rcvhwm");
     check(zmq_connect(jobs, args[1]) == 0, "connect");
     void* results = socket_connected(ZMQ_PUSH, args[3]);
-    void* dead = socket_connected(ZMQ_PUSH, args[5]);
+    socket_connected(ZMQ_PUSH, args[5]); // dead letters
     for (;;) {
         check(zmq_poll(&item, 1, 1000) != -1, "poll");
-        if (item.revents != 0 && (events(results) & events(dead) & ZMQ_POLLOUT) != 0) {
+        if (item.revents != 0) {
             job_do(jobs, results);
         }
     }

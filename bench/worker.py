@@ -43,23 +43,24 @@ def beat(state=b"running"):
         pass
 
 
-def room():
-    """Whether what a job yields can leave at once; else waits until it can."""
-    for socket in (results, dead):
-        while not socket.get(zmq.EVENTS) & zmq.POLLOUT:
-            if not socket.poll(1000, zmq.POLLOUT):
-                return False
-    return True
+def deliver(socket, frames):
+    """Sends what a job yields; what finds no room waits until there is some."""
+    try:
+        socket.send_multipart(frames, zmq.DONTWAIT)
+    except zmq.Again:
+        while not socket.poll(1000, zmq.POLLOUT):
+            pass
+        socket.send_multipart(frames)
 
 
 def work():
-    if not room():
-        return
-    frames = jobs.recv_multipart()
+    frames = jobs.recv_multipart(zmq.DONTWAIT)
     try:
-        results.send_multipart([b"result", name, *job(*frames)])
+        message = [b"result", name, *job(*frames)]
     except Exception as error:
-        dead.send_multipart([name, str(error).encode(), *frames])
+        deliver(dead, [name, str(error).encode(), *frames])
+    else:
+        deliver(results, message)
 
 
 def stop_accepting():

@@ -26,9 +26,9 @@ foreach {signal handler} {SIGTERM stop SIGINT stop SIGHUP reload SIGUSR1 report}
 proc job {args} {return $args}
 
 set current {}    ;# the frames of the job in hand
+set kept {}       ;# a message that found no room, behind its socket
 set backlog {}    ;# jobs accepted but not begun when the worker was told to stop
 set stopping 0
-
 proc log {message} {puts stderr "$::option(-name): $message"}
 
 # The settings, in milliseconds, with what a configuration file says about them: one
@@ -61,7 +61,6 @@ proc reload {signal} {
 proc statistics {} {
     list jobs [$::jobs stats] results [$::results stats] dead [$::dead stats]
 }
-
 proc report {signal} {log "statistics: [statistics] settings: $::settings"}
 
 # Shows that the worker lives; a heartbeat that finds no room is left out.
@@ -70,55 +69,57 @@ proc beat {{state running}} {
     catch {$::results send -nowait heartbeat $::name $state [statistics]}
 }
 
-# What a job yields cannot leave at once.  No job is begun until it can: a send that
-# blocks would hold up signals and heartbeats.
-proc pause {} {
-    set socket [expr {[$::results configure -events] & 2 ? $::dead : $::results}]
+# What finds no room is kept, and no job begun: a send that blocks would hold up signals.
+proc keep {socket args} {
+    set ::kept [list $socket {*}$args]
     ::qel::reactor event $::jobs readable {}
-    ::qel::reactor event $socket writable [list resume $socket]
+    ::qel::reactor event $socket writable resume
 }
-
-proc resume {socket} {
+proc resume {} {
+    set message [lassign $::kept socket]
+    if {[catch {$socket send -nowait {*}$message}]} return
+    set ::kept {}
     ::qel::reactor event $socket writable {}
     if {$::stopping} drain else {::qel::reactor event $::jobs readable $::work}
 }
 
-# Does one job.  It is accepted once received, and done before anything else happens.  What
-# every job needs is an argument or linked: each "::name" would be looked up every time.
-proc work {jobs results dead name {draining 0}} {
+# Does one job, all of it.  Arguments are quicker than "::name", looked up every time.
+proc work {jobs results name {draining 0}} {
     global current
-    if {!([$results configure -events] & [$dead configure -events] & 2)} {return [pause]}
     if {$draining} {
         ::qel::reactor after 0 drain
         set ::backlog [lassign $::backlog current]
     } else {
         set current [$jobs recv -nowait]
     }
-    $results send result $name {*}[job {*}$current]
+    set message [list result $name {*}[job {*}$current]]
     set current {}
+    if {[catch {$results send -nowait {*}$message}]} {keep $results {*}$message}
 }
-
-proc drain {} {if {[llength $::backlog]} {{*}$::work 1} else {::qel::reactor stop}}
+proc drain {} {
+    if {[llength $::kept]} return
+    if {[llength $::backlog]} {{*}$::work 1} else {::qel::reactor stop}
+}
 
 # The background-error handler: an error while a job is in hand is the job's.
 proc failed {message {options {}}} {
     log "error: $message"
-    if {[llength $::current]} {
-        $::dead send $::name [encoding convertto utf-8 $message] {*}$::current
-    }
+    if {![llength $::current]} return
+    set letter [list $::name [encoding convertto utf-8 $message] {*}$::current]
     set ::current {}
+    if {[catch {$::dead send -nowait {*}$letter}]} {keep $::dead {*}$letter}
 }
 
 # Disconnecting discards what waits in the socket's queue, so that is received first:
 # as many jobs as the queue holds are all that had come before the signal.
 proc stop {signal} {
-    if {$::stopping} return
+    if {[incr ::stopping] > 1} return
+    ::qel::reactor event $::jobs readable {}
     set n [$::jobs configure -rcvhwm]
     while {[incr n -1] >= 0 && [$::jobs configure -events] & 1} {
         lappend ::backlog [$::jobs recv -nowait]
     }
     $::jobs disconnect $::option(-jobs)
-    set ::stopping 1
     drain
 }
 
@@ -139,10 +140,9 @@ foreach {socket type} {jobs PULL results PUSH dead PUSH} {
 $jobs configure -rcvhwm 50    ;# a short queue: jobs go to the workers that are free
 foreach socket {jobs results dead} {[set $socket] connect $option(-$socket)}
 ::qel::reactor bgerror failed
-::qel::reactor event $jobs readable [set work [list work $jobs $results $dead $name]]
+::qel::reactor event $jobs readable [set work [list work $jobs $results $name]]
 beat
 ::qel::reactor start
-
 beat stopped
 foreach socket [list $jobs $results $dead] {
     $socket configure -linger [dict get $settings linger]
