@@ -2,10 +2,12 @@
  * bare.c -- the least that Tcl commands around libzmq cost.
  *
  * The commands have the names of the package's, so that the same procs run on them, and
- * do what those procs need and nothing else: no message on an error (the process ends), no
- * option, no count, no log, no check that a socket or a handler still is there.  The calls
- * of libzmq are those that the package makes.  What Tcl itself takes remains: the call of
- * a command, the result of a receive, the evaluation of a handler.
+ * do what those procs need, and examples/worker.tcl until it is stopped, and nothing
+ * else: no message on an error (the process ends), no option that they do not set, no
+ * count, no timer, no signal, no log, no check that a socket or a handler still is there.  The calls
+ * of libzmq are those that the package makes, and poll copies the names of the handles,
+ * which is part of the package's design.  What Tcl itself takes remains: the call of a
+ * command, the result of a receive, the evaluation of a handler.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,50 +30,67 @@ static void check(int ok) {
     }
 }
 
-static Tcl_Obj* recv_frame(void* socket) {
+static Tcl_Obj* recv_frame(void* socket, int flags) {
     zmq_msg_t frame;
-    check(zmq_msg_init(&frame) == 0 && zmq_msg_recv(&frame, socket, 0) != -1);
+    check(zmq_msg_init(&frame) == 0 && zmq_msg_recv(&frame, socket, flags) != -1);
     Tcl_Obj* bytes = Tcl_NewByteArrayObj(zmq_msg_data(&frame), (int) zmq_msg_size(&frame));
     zmq_msg_close(&frame);
     return bytes;
 }
 
-static void socket_recv(Tcl_Interp* interp, void* socket) {
+static void socket_recv(Tcl_Interp* interp, void* socket, int flags) {
     Tcl_Obj* frames = Tcl_NewListObj(0, NULL);
     int more;
     do {
         size_t size = sizeof more;
-        Tcl_ListObjAppendElement(NULL, frames, recv_frame(socket));
+        Tcl_ListObjAppendElement(NULL, frames, recv_frame(socket, flags));
         zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &size);
     } while (more != 0);
     Tcl_SetObjResult(interp, frames);
 }
 
 static void socket_send(void* socket, int count, Tcl_Obj* const words[]) {
-    for (int i = 0; i < count; i++) {
+    const int nowait = words[0]->bytes != NULL && strcmp(words[0]->bytes, "-nowait") == 0;
+    const int flags = nowait ? ZMQ_DONTWAIT : 0;
+    for (int i = nowait; i < count; i++) {
         int length;
         const unsigned char* bytes = Tcl_GetByteArrayFromObj(words[i], &length);
-        check(zmq_send(socket, bytes, (size_t) length, i + 1 < count ? ZMQ_SNDMORE : 0) !=
-              -1);
+        const int more = i + 1 < count ? ZMQ_SNDMORE : 0;
+        check(zmq_send(socket, bytes, (size_t) length, flags | more) != -1);
     }
 }
 
-/* A socket's command: send, recv, bind, connect and configure, by their first letters. */
-static int method(ClientData socket, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    const char* word = Tcl_GetString(objv[1]);
+static void configure(Tcl_Interp* interp, void* socket, int objc, Tcl_Obj* const objv[]) {
     char endpoint[64];
     size_t size = sizeof endpoint;
+    int queue;
+    if (objc == 3) {
+        check(zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0);
+        Tcl_SetObjResult(interp, Tcl_NewStringObj(endpoint, -1));
+    } else {
+        Tcl_GetIntFromObj(interp, objv[3], &queue);
+        check(zmq_setsockopt(socket, ZMQ_RCVHWM, &queue, sizeof queue) == 0);
+    }
+}
+
+/*
+ * A socket's command: send, recv, bind, connect, stats (which are none), and configure of
+ * -last_endpoint to read and -rcvhwm to write, by their letters.
+ */
+static int method(ClientData socket, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    const char* word = Tcl_GetString(objv[1]);
     if (*word == 's') {
-        socket_send(socket, objc - 2, objv + 2);
+        if (word[1] == 'e') {
+            socket_send(socket, objc - 2, objv + 2);
+        }
     } else if (*word == 'r') {
-        socket_recv(interp, socket);
+        socket_recv(interp, socket, objc == 3 ? ZMQ_DONTWAIT : 0);
     } else if (*word == 'b') {
         check(zmq_bind(socket, Tcl_GetString(objv[2])) == 0);
     } else if (word[3] == 'n') {
         check(zmq_connect(socket, Tcl_GetString(objv[2])) == 0);
     } else {
-        check(zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0);
-        Tcl_SetObjResult(interp, Tcl_NewStringObj(endpoint, -1));
+        configure(interp, socket, objc, objv);
     }
     return TCL_OK;
 }
@@ -106,18 +125,23 @@ static void* socket_of(Tcl_Interp* interp, Tcl_Obj* name) {
 /* ::zmq::poll socket... timeout */
 static int poll_once(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static zmq_pollitem_t polled[handlersMax];
+    static char* names[handlersMax];
     Tcl_Obj* ready = Tcl_NewListObj(0, NULL);
     int timeout;
     (void) data;
     Tcl_GetIntFromObj(interp, objv[objc - 1], &timeout);
     for (int i = 0; i < objc - 2; i++) {
         polled[i] = (zmq_pollitem_t){socket_of(interp, objv[i + 1]), 0, ZMQ_POLLIN, 0};
+        names[i] = strdup(Tcl_GetString(objv[i + 1]));
     }
     check(zmq_poll(polled, objc - 2, timeout) != -1);
     for (int i = 0; i < objc - 2; i++) {
         if (polled[i].revents != 0) {
-            Tcl_ListObjAppendElement(NULL, ready, objv[i + 1]);
+            Tcl_ListObjAppendElement(NULL, ready, Tcl_NewStringObj(names[i], -1));
         }
+    }
+    for (int i = 0; i < objc - 2; i++) {
+        free(names[i]);
     }
     Tcl_SetObjResult(interp, ready);
     return TCL_OK;
@@ -151,14 +175,15 @@ static void reactor_start(Tcl_Interp* interp) {
     }
 }
 
-/* ::qel::reactor event socket readable script, start, stop */
+/* ::qel::reactor event socket readable script, start, stop; other words do nothing */
 static int reactor(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     (void) data;
-    if (objc > 2) {
+    const char* word = Tcl_GetString(objv[1]);
+    if (strcmp(word, "event") == 0) {
         event_set(socket_of(interp, objv[2]), Tcl_DuplicateObj(objv[4]));
-    } else if (strcmp(Tcl_GetString(objv[1]), "start") == 0) {
+    } else if (strcmp(word, "start") == 0) {
         reactor_start(interp);
-    } else {
+    } else if (strcmp(word, "stop") == 0) {
         running = 0;
     }
     return TCL_OK;

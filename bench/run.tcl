@@ -18,8 +18,9 @@ set python [list /usr/bin/python3 [file join $here pyzmq.py]]
 set subjects [dict create \
     package [concat $tcl zmq] bare [concat $tcl bare] raw $raw \
     pyzmq [concat $python multipart] plain [concat $python plain] after [concat $tcl zmq]]
+set worker [file join [file dirname $here] examples worker.tcl]
 set workers [dict create \
-    package [list [info nameofexecutable] [file join [file dirname $here] examples worker.tcl]] \
+    package [list [info nameofexecutable] $worker] bare [concat $tcl bare worker [list $worker]] \
     raw [list $raw worker] pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
 source [file join $here report.tcl]
 
@@ -62,17 +63,17 @@ foreach {idle target pyzmq polled} {
 
 lappend measurements {throughput {jobs 1024} job
     {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}}
-    {raw - pyzmq 2}}
+    {raw - pyzmq 2 bare -}}
 
-foreach count {1000 100000} {
+foreach {count workload one} {1000 timers ""  100000 standing "one more, "} {
     set outputs {}
     foreach {name title target} {
-        rising "schedule, later than all" 5  random "schedule at random" 1
-        cancel "cancel by id at random" 1
+        rising "later than all" 5  random "at random" 1  cancel "cancel by id at random" 1
     } {
-        lappend outputs [list timers-$name-$count "$count timers: $title" op/s $target]
+        set what [expr {$name eq "cancel" ? "" : "schedule "}]
+        lappend outputs [list timers-$name-$count "$count timers: $one$what$title" op/s $target]
     }
-    lappend measurements [list timers [list timers @subject $count] none $outputs {after {}}]
+    lappend measurements [list timers [list $workload @subject $count] none $outputs {after {}}]
     lappend measurements [list timers [list due @subject $count] none \
         [list [list timers-run-$count "$count timers: run all" op/s 1]] {after {}}]
 }

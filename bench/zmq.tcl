@@ -151,6 +151,13 @@ proc workload_echo {} {
     }
 }
 
+# The example as it stands, on the commands that are there.
+proc workload_worker {file args} {
+    package provide zmq 1.0
+    set ::argv $args
+    uplevel #0 [list source $file]
+}
+
 # Timers, and Tcl's own for comparison: the same procs, once with either command.
 
 foreach {name after start stop} {
@@ -185,10 +192,40 @@ proc rate {count start} {
     return [expr {$count * 1e6 / ([clock microseconds] - $start)}]
 }
 
-# What one more timer costs where count stand: scheduled later than all others, at
-# random, and cancelled at random.  The list is filled latest first, which is no walk
-# for either side.
+proc shuffled {values} {
+    set keyed [lmap value $values {list [expr {rand()}] $value}]
+    return [lmap pair [lsort -real -index 0 $keyed] {lindex $pair 1}]
+}
+
+# Calls a proc in the caller and adds the microseconds it takes to a variable there.
+proc timed {variable command} {
+    upvar 1 $variable total
+    set start [clock microseconds]
+    set result [uplevel 1 $command]
+    incr total [expr {[clock microseconds] - $start}]
+    return $result
+}
+
+# Count timers scheduled each later than all before, scheduled at random, and cancelled at
+# random, a hundred times over.
 proc workload_timers {which count} {
+    expr {srand(1)}
+    for {set i 1} {$i <= $count} {incr i} {
+        lappend delays [expr {100000 * $i}]
+    }
+    for {set round 0} {$round < 100} {incr round} {
+        cancel-$which [shuffled [timed rising {schedule-$which $delays}]]
+        set order [shuffled $delays]
+        set ids [shuffled [timed random {schedule-$which $order}]]
+        timed cancelled {cancel-$which $ids}
+    }
+    return [lmap us [list $rising $random $cancelled] {expr {1e8 * $count / $us}}]
+}
+
+# What one more timer costs where count stand, for counts that take minutes as a whole:
+# scheduled later than all others, at random, and cancelled at random.  The list is filled
+# latest first, which is no walk for either side.
+proc workload_standing {which count} {
     set sample [expr {min(300, $count / 10)}]
     set ms 100000
     for {set i $count} {$i > 0} {incr i -1} {
