@@ -64,9 +64,11 @@ def work():
 
 
 def stop_accepting():
-    """Receives what had come before the signal, and does it."""
-    while jobs.get(zmq.EVENTS) & zmq.POLLIN:
-        work()
+    """Does what waits in the queue, and leaves."""
+    for _ in range(jobs.rcvhwm):
+        if jobs.get(zmq.EVENTS) & zmq.POLLIN:
+            work()
+    jobs.disconnect(option["-jobs"])
 
 
 poller = zmq.Poller()

@@ -5,13 +5,13 @@
 #              ?-name name? ?-job script? ?-config file?
 #
 # The worker connects; the endpoints are bound by those that give it work.
-#   jobs     PULL  one message is one job
+#   jobs     PULL  one message is one job, lost if on its way when the worker goes
 #   results  PUSH  {result name frame ...}       what a job returned
 #                  {heartbeat name state stats}  now and then, and when the worker stops
 #   dead     PUSH  {name error frame ...}        a job that failed, after the reason
 #
-# SIGTERM, SIGINT: take no new job, finish those accepted, exit.  SIGHUP: read the
-# configuration file again.  SIGUSR1: write statistics to standard error.
+# SIGTERM, SIGINT: take no new job, finish those accepted, exit once all that they yield has
+# found room.  SIGHUP: read the configuration file again.  SIGUSR1: show statistics.
 package require zmq
 
 # Traps come first: they protect the process only from here on, and only if no other
@@ -26,10 +26,10 @@ foreach {signal handler} {SIGTERM stop SIGINT stop SIGHUP reload SIGUSR1 report}
 proc job {args} {return $args}
 
 set current {}    ;# the frames of the job in hand
-set kept {}       ;# a message that found no room, behind its socket
+set kept {}       ;# {socket frame ...}: a message that found no room
 set backlog {}    ;# jobs accepted but not begun when the worker was told to stop
 set stopping 0
-proc log {message} {puts stderr "$::option(-name): $message"}
+proc log {message} {catch {puts stderr "$::option(-name): $message"}}
 
 # The settings, in milliseconds, with what a configuration file says about them: one
 # "name number" to a line.  The file is data, nothing in it is evaluated.
@@ -110,17 +110,17 @@ proc failed {message {options {}}} {
     if {[catch {$::dead send -nowait {*}$letter}]} {keep $::dead {*}$letter}
 }
 
-# Disconnecting discards what waits in the socket's queue, so that is received first:
-# as many jobs as the queue holds are all that had come before the signal.
+# Disconnecting discards what waits in the socket's queue, so that is received first, but
+# no more than the queue holds: the others may go on sending.
 proc stop {signal} {
     if {[incr ::stopping] > 1} return
+    ::qel::reactor after 0 drain
     ::qel::reactor event $::jobs readable {}
     set n [$::jobs configure -rcvhwm]
     while {[incr n -1] >= 0 && [$::jobs configure -events] & 1} {
         lappend ::backlog [$::jobs recv -nowait]
     }
     $::jobs disconnect $::option(-jobs)
-    drain
 }
 
 array set option {-jobs "" -results "" -dead "" -name worker -job "" -config ""}
