@@ -5,9 +5,11 @@
  * do what those procs need, and examples/worker.tcl until it is stopped, and nothing
  * else: no message on an error (the process ends), no option that they do not set, no
  * count, no timer, no signal, no log, no check that a socket or a handler still is there.  The calls
- * of libzmq are those that the package makes, and poll copies the names of the handles,
- * which is part of the package's design.  What Tcl itself takes remains: the call of a
- * command, the result of a receive, the evaluation of a handler.
+ * of libzmq are those that the package makes for them.  What Tcl itself takes remains: the
+ * call of a command, the result of a receive, the evaluation of a handler.
+ *
+ * With BARE_COPIES in the environment, poll copies the names of the handles, too, which is
+ * part of the package's design.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,6 +24,7 @@ static zmq_pollitem_t items[handlersMax];
 static Tcl_Obj* scripts[handlersMax];
 static int handlers;
 static int running;
+static int copies;
 
 static void check(int ok) {
     if (!ok) {
@@ -132,15 +135,18 @@ static int poll_once(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* con
     Tcl_GetIntFromObj(interp, objv[objc - 1], &timeout);
     for (int i = 0; i < objc - 2; i++) {
         polled[i] = (zmq_pollitem_t){socket_of(interp, objv[i + 1]), 0, ZMQ_POLLIN, 0};
-        names[i] = strdup(Tcl_GetString(objv[i + 1]));
+        if (copies) {
+            names[i] = strdup(Tcl_GetString(objv[i + 1]));
+        }
     }
     check(zmq_poll(polled, objc - 2, timeout) != -1);
     for (int i = 0; i < objc - 2; i++) {
         if (polled[i].revents != 0) {
-            Tcl_ListObjAppendElement(NULL, ready, Tcl_NewStringObj(names[i], -1));
+            Tcl_ListObjAppendElement(NULL, ready, copies ? Tcl_NewStringObj(names[i], -1)
+                                                         : objv[i + 1]);
         }
     }
-    for (int i = 0; i < objc - 2; i++) {
+    for (int i = 0; copies && i < objc - 2; i++) {
         free(names[i]);
     }
     Tcl_SetObjResult(interp, ready);
@@ -194,6 +200,7 @@ int Bare_Init(Tcl_Interp* interp) {
         return TCL_ERROR;
     }
     context = zmq_ctx_new();
+    copies = getenv("BARE_COPIES") != NULL;
     Tcl_CreateNamespace(interp, "::zmq", NULL, NULL);
     Tcl_CreateNamespace(interp, "::qel", NULL, NULL);
     Tcl_CreateObjCommand(interp, "::zmq::socket", socket_new, NULL, NULL);

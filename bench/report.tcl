@@ -1,7 +1,7 @@
 # report.tcl -- what the driver makes of its samples: results, tables, plots.
 
 # The results: rows of {section name title unit subject median minimum maximum ratio
-# target met}.
+# target met ratio-minimum ratio-maximum}.
 
 proc median {values} {
     set sorted [lsort -real $values]
@@ -10,9 +10,9 @@ proc median {values} {
             : ([lindex $sorted $middle-1] + [lindex $sorted $middle]) / 2.0}]
 }
 
-# How the package, or another, compares: milliseconds more for the start, else how many
-# times.
-proc compared {unit name subject {measured package}} {
+# How the package, or another, compares in each round: milliseconds more for the start,
+# else how many times.
+proc comparisons {unit name subject {measured package}} {
     set each {}
     foreach ours $::samples($name,$measured) theirs $::samples($name,$subject) {
         if {$unit eq "ms"} {
@@ -21,7 +21,13 @@ proc compared {unit name subject {measured package}} {
             lappend each [expr {double($ours) / $theirs}]
         }
     }
-    return [expr {[llength $each] > 0 ? [format %.3f [median $each]] : ""}]
+    return [lsort -real $each]
+}
+
+proc compared {args} {
+    set each [comparisons {*}$args]
+    if {[llength $each] == 0} {return ""}
+    return [format %.3f [median $each]]
 }
 
 proc results_of {measurement} {
@@ -31,9 +37,11 @@ proc results_of {measurement} {
         lassign $output name title unit own_target
         foreach subject [concat package [dict keys $references]] {
             set values [lsort -real $::samples($name,$subject)]
-            lassign {"" "" ""} ratio target met
+            lassign {} ratio target met least greatest
             if {$subject ne "package"} {
                 set ratio [compared $unit $name $subject]
+                set each [comparisons $unit $name $subject]
+                lassign [list [lindex $each 0] [lindex $each end]] least greatest
                 set target [dict get $references $subject]
                 set target [expr {$target eq "" ? $own_target : $target}]
                 if {$target ne "-"} {
@@ -43,7 +51,10 @@ proc results_of {measurement} {
             }
             lappend rows [list $section $name $title $unit $subject \
                 [format %.6g [median $values]] [format %.6g [lindex $values 0]] \
-                [format %.6g [lindex $values end]] $ratio $target $met]
+                [format %.6g [lindex $values end]] $ratio $target $met \
+                {*}[lmap bound [list $least $greatest] {
+                    if {$bound ne ""} {format %.3f $bound} else {list}
+                }]]
         }
     }
     return $rows
@@ -84,17 +95,19 @@ proc machine {} {
 proc table {section rows} {
     set rows [lsearch -all -inline -index 0 $rows $section]
     set columns [lsort -unique [lmap row $rows {lindex $row 4}]]
-    set columns [lmap c {raw pyzmq plain bare after tclsh floor} {
+    set columns [lmap c {raw pyzmq plain bare copying after tclsh floor} {
         if {$c ni $columns} continue
         set c
     }]
-    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" bare "bare commands" after "Tcl's after" tclsh "tclsh alone"
+    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" bare "bare commands"
+        copying "bare commands that copy names" after "Tcl's after" tclsh "tclsh alone"
         floor "an empty package"}
     set how [expr {$section eq "start" ? "more" : "ratio"}]
-    set head "| workload | unit | this package | spread |"
+    set own [expr {$section eq "floor" ? "Tcl" : "this package"}]
+    set head "| workload | unit | $own | spread |"
     set rule "|---|---|---:|---:|"
     foreach c $columns {
-        append head " [dict get $titles $c] | $how (target) |"
+        append head " [dict get $titles $c] | $how, spread (target) |"
         append rule "---:|---:|"
     }
     set lines [list "$head met |" "$rule---|"]
@@ -110,8 +123,9 @@ proc table {section rows} {
                 append line " | |"
                 continue
             }
-            lassign [lrange $other 8 end] ratio target ok
+            lassign [lrange $other 8 end] ratio target ok least greatest
             append line " [short [lindex $other 5] $unit] | $ratio"
+            append line [expr {$ratio eq "" ? "" : ", $least to $greatest"}]
             append line [expr {$target in {"" -} ? " |" : " ($target) |"}]
             if {$ok ne ""} {
                 lappend met $ok
@@ -131,23 +145,25 @@ proc limits {rows} {
     foreach row $rows {
         lassign $row section name - - subject
         if {$section ne "throughput" || $subject ne "raw"} continue
-        set line "| $name"
-        foreach {peer limits} {raw bare pyzmq {raw bare}} {
-            foreach limit $limits {
-                append line " | [expr {[info exists ::samples($name,$limit)]
-                    ? [compared op/s $name $peer $limit] : {}}]"
+        foreach {bare what} {bare "" copying ", names copied"} {
+            if {![info exists ::samples($name,$bare)]} continue
+            set line "| $name$what"
+            foreach {peer limits} [list raw $bare pyzmq [list raw $bare]] {
+                foreach limit $limits {
+                    append line " | [compared op/s $name $peer $limit]"
+                }
+                append line " | [cell $rows 9 $name $peer] | [cell $rows 8 $name $peer]"
             }
-            append line " | [cell $rows 9 $name $peer] | [cell $rows 8 $name $peer]"
+            lappend lines "$line |"
         }
-        lappend lines "$line |"
     }
     return [join $lines \n]
 }
 
 proc report {rows machine} {
     set text "# Results\n\n$machine.\n\n"
-    append text "Medians of $::rounds rounds, the subjects interleaved; the spread is the\
-        least and the greatest\nround; a ratio is the median of the rounds' ratios."
+    append text "Medians of $::rounds rounds, the subjects interleaved; a spread is the least\
+        and the greatest\nround; a ratio is the median of the rounds' ratios."
     append text [expr {$::quick ? "  **Quick form: for a look, not for conclusions.**" : ""}]
     append text "\n[file tail $::here]/README.md tells what each row measures.\n"
     foreach {section title} {
@@ -163,22 +179,58 @@ proc report {rows machine} {
     return $text
 }
 
-# The table in the README: the messages, and how they compare.
+# A ratio with its target, as a field of a table.
+proc aimed {rows name subject {format %.2f}} {
+    set ratio [cell $rows 8 $name $subject]
+    set target [cell $rows 9 $name $subject]
+    if {$ratio eq "NaN"} {return ""}
+    return "[format $format $ratio][expr {$target in {NaN -} ? "" : " ($target)"}]"
+}
+
+# The rows of a section that are the package's: name, title, unit, median.
+proc own_rows {rows section} {
+    return [lmap row $rows {
+        if {[lindex $row 0] ne $section || [lindex $row 4] ne "package"} continue
+        list {*}[lrange $row 1 3] [lindex $row 5]
+    }]
+}
+
+# What the README shows: messages, timers, the start, and what one of so many costs.
 proc summary {rows machine} {
     set lines [list "$machine; medians of $::rounds rounds." "" \
-        "| workload | a second | of raw C (target) | times pyzmq (target) | times pyzmq, one frame |" \
-        "|---|---:|---:|---:|---:|"]
-    foreach row [lsearch -all -inline -index 0 $rows throughput] {
-        lassign $row - name title unit subject median
-        if {$subject ne "package"} continue
-        set line "| $title | [short $median $unit]"
-        foreach peer {raw pyzmq plain} {
-            set ratio [cell $rows 8 $name $peer]
-            set target [cell $rows 9 $name $peer]
-            append line [expr {$ratio eq "NaN" ? " |" : [format " | %.2f" $ratio]}] \
-                [expr {$target in {NaN -} ? "" : " ($target)"}]
+        "| workload | a second | spread | of raw C (target) | times pyzmq (target) | times pyzmq, one frame | bare commands, of raw C |" \
+        "|---|---:|---:|---:|---:|---:|---:|"]
+    foreach row [own_rows $rows throughput] {
+        lassign $row name title unit median
+        lappend lines "| $title | [short $median $unit] |\
+            [short [cell $rows 6 $name package] $unit] to\
+            [short [cell $rows 7 $name package] $unit] | [aimed $rows $name raw] |\
+            [aimed $rows $name pyzmq] | [aimed $rows $name plain] |\
+            [format %.2f [compared $unit $name raw bare]] |"
+    }
+    lappend lines "" "| timers | a second | times Tcl's own (target) |" "|---|---:|---:|"
+    foreach row [own_rows $rows timers] {
+        lassign $row name title unit median
+        lappend lines "| $title | [short $median $unit] | [aimed $rows $name after] |"
+    }
+    lappend lines "" "A new tclsh, `package require zmq`, and exit:\
+        [aimed $rows start-end tclsh %.1f] ms more than tclsh alone, without the pause of\
+        100 ms at the end of the context; with bare commands\
+        [format %.1f [compared ms start-end tclsh bare]] ms more." "" \
+        "| one of so many | 10 | 100 | 1,000 | 10,000 |" "|---|---:|---:|---:|---:|"
+    foreach kind {sockets timers handlers} {
+        foreach {what unit} {create us delete us memory bytes} {
+            lappend lines "| $kind: $what, $unit | [join [lmap count \
+                {10 100 1000 10000} {
+                    set value [cell $rows 5 grow-$kind-$what-$count package]
+                    # Of few, memory is the size of a page.
+                    if {$value eq "NaN" || ($unit eq "bytes" && $count < 1000)} {
+                        list
+                    } else {
+                        short $value $unit
+                    }
+                }] { | }] |"
         }
-        lappend lines "$line |"
     }
     return [join $lines \n]
 }
@@ -201,7 +253,8 @@ proc write_file {path text} {
 }
 
 proc csv {rows} {
-    set text "section,name,workload,unit,subject,median,minimum,maximum,compared,target,met\n"
+    set text "section,name,workload,unit,subject,median,minimum,maximum,compared,target,met"
+    append text ",compared minimum,compared maximum\n"
     foreach row $rows {
         append text [join [lmap field $row {
             expr {[string match *,* $field] ? "\"$field\"" : $field}
@@ -241,9 +294,9 @@ proc gnuplot {path lines} {
 }
 
 # Each workload as a share of what raw C reaches.
-proc share {rows name subject} {
-    set value [cell $rows 5 $name $subject]
-    return [expr {$value eq "NaN" ? "NaN" : $value / double([cell $rows 5 $name raw])}]
+proc share {name subject} {
+    if {![info exists ::samples($name,$subject)]} {return NaN}
+    return [compared op/s $name raw $subject]
 }
 
 proc idle_cell {rows count column} {
@@ -262,7 +315,7 @@ proc plot {directory rows} {
         lindex $row 1
     }]
     gnuplot [file join $directory throughput.svg] "[datablock d $names {package pyzmq plain} \
-        [list share $rows]]
+        share]
         set title 'Messages per second as a share of raw C'
         set style data histogram\n set style fill solid 0.8\n set yrange \[0:*\]
         set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead

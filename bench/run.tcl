@@ -17,6 +17,7 @@ set tcl [list [info nameofexecutable] [file join $here zmq.tcl]]
 set python [list /usr/bin/python3 [file join $here pyzmq.py]]
 set subjects [dict create \
     package [concat $tcl zmq] bare [concat $tcl bare] raw $raw \
+    copying [concat env BARE_COPIES=1 $tcl bare] \
     pyzmq [concat $python multipart] plain [concat $python plain] after [concat $tcl zmq]]
 set worker [file join [file dirname $here] examples worker.tcl]
 set workers [dict create \
@@ -58,14 +59,15 @@ foreach {idle target pyzmq polled} {
     throughput reactor-$idle "reactor, $idle idle sockets and a busy one" \
         [list reactor $idle] {source 64} $target $pyzmq
     throughput poll-$idle "::zmq::poll, $idle idle sockets and a busy one" \
-        [list poll $idle] {source 64} $polled $pyzmq
+        [list poll $idle] {source 64} $polled $pyzmq copying -
 }
 
 lappend measurements {throughput {jobs 1024} job
     {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}}
     {raw - pyzmq 2 bare -}}
 
-foreach {count workload one} {1000 timers ""  100000 standing "one more, "} {
+set repeat [expr {$quick ? 10 : 100}]
+foreach {count workload repeat one} [list 1000 timers $repeat ""  100000 standing {} "one more, "] {
     set outputs {}
     foreach {name title target} {
         rising "later than all" 5  random "at random" 1  cancel "cancel by id at random" 1
@@ -73,7 +75,8 @@ foreach {count workload one} {1000 timers ""  100000 standing "one more, "} {
         set what [expr {$name eq "cancel" ? "" : "schedule "}]
         lappend outputs [list timers-$name-$count "$count timers: $one$what$title" op/s $target]
     }
-    lappend measurements [list timers [list $workload @subject $count] none $outputs {after {}}]
+    lappend measurements \
+        [list timers [list $workload @subject $count {*}$repeat] none $outputs {after {}}]
     lappend measurements [list timers [list due @subject $count] none \
         [list [list timers-run-$count "$count timers: run all" op/s 1]] {after {}}]
 }
@@ -120,11 +123,11 @@ proc run {subject workload peer count} {
         lappend command $count
     }
     if {$peer eq "job"} {
-        set command [list $::raw {*}$workload $count]
+        set command [list timeout 300 $::raw {*}$workload $count]
     }
     set f [open |[concat $command 2>@stderr] r]
     if {$peer eq "job"} {
-        set peers [exec {*}[dict get $::workers $subject] -jobs [gets $f] \
+        set peers [exec timeout 300 {*}[dict get $::workers $subject] -jobs [gets $f] \
             -results [gets $f] -dead [gets $f] &]
     } elseif {[lindex $peer 0] in {source sink}} {
         set peers [exec $::raw [lindex $peer 0] [gets $f] {*}[lrange $peer 1 end] &]
@@ -169,12 +172,17 @@ proc measure {subject workload peer count} {
     return [run $subject $workload $peer $count]
 }
 
-# Operations that take about the time wanted, by a short run.
+# Operations that take about the time wanted, by a short run.  What is sent must outgrow
+# the queues and buffers on its way.
 proc calibrate {subject workload peer} {
     if {$peer in {none start}} {
         return 0
     }
-    set pilot [expr {[lindex $workload 1] >= 200 && [llength $workload] == 2 ? 300 : 2000}]
+    lassign $workload name idle
+    set pilot [expr {$name in {send jobs} ? 20000 : 2000}]
+    if {$name in {reactor poll} && $idle >= 200} {
+        set pilot 300
+    }
     set rate [lindex [measure $subject $workload $peer $pilot] 0]
     return [expr {max($pilot, int($rate * $::seconds))}]
 }

@@ -207,26 +207,26 @@ proc timed {variable command} {
 }
 
 # Count timers scheduled each later than all before, scheduled at random, and cancelled at
-# random, a hundred times over.
-proc workload_timers {which count} {
+# random, all that so many times.
+proc workload_timers {which count times} {
     expr {srand(1)}
     for {set i 1} {$i <= $count} {incr i} {
         lappend delays [expr {100000 * $i}]
     }
-    for {set round 0} {$round < 100} {incr round} {
+    for {set i 0} {$i < $times} {incr i} {
         cancel-$which [shuffled [timed rising {schedule-$which $delays}]]
         set order [shuffled $delays]
         set ids [shuffled [timed random {schedule-$which $order}]]
         timed cancelled {cancel-$which $ids}
     }
-    return [lmap us [list $rising $random $cancelled] {expr {1e8 * $count / $us}}]
+    return [lmap us [list $rising $random $cancelled] {expr {1e6 * $times * $count / $us}}]
 }
 
 # What one more timer costs where count stand, for counts that take minutes as a whole:
-# scheduled later than all others, at random, and cancelled at random.  The list is filled
-# latest first, which is no walk for either side.
+# scheduled later than all others, at random, and cancelled by id, any of them.  The list is
+# filled latest first, which is no walk for either side.
 proc workload_standing {which count} {
-    set sample [expr {min(300, $count / 10)}]
+    set sample 300
     set ms 100000
     for {set i $count} {$i > 0} {incr i -1} {
         lappend delays [expr {$ms * $i}]
@@ -237,13 +237,14 @@ proc workload_standing {which count} {
         lappend rising [expr {$ms * ($count + $i + 1)}]
         lappend random [expr {int($ms * rand() * $count)}]
     }
-    schedule-$which $delays
+    set ids [schedule-$which $delays]
     set start [clock microseconds]
     schedule-$which $rising
     set rates [rate $sample $start]
     set start [clock microseconds]
-    set ids [schedule-$which $random]
+    schedule-$which $random
     lappend rates [rate $sample $start]
+    set ids [lrange [shuffled $ids] 1 $sample]
     set start [clock microseconds]
     cancel-$which $ids
     return [lappend rates [rate $sample $start]]
@@ -264,7 +265,9 @@ proc workload_due {which count} {
     return [rate $count $start]
 }
 
-# Growth: microseconds to create and to delete one of count, and the bytes one holds.
+# Growth: microseconds to create and to delete one of count, and the bytes one holds.  Timers
+# fall due at random, and everything is deleted at random; handlers are those of channels,
+# of which there can be more than sockets.  What is to be deleted is what create gives.
 
 proc resident {} {
     set f [open /proc/self/smaps_rollup] ;# exact, which VmRSS is not
@@ -277,6 +280,7 @@ proc create_sockets {names} {
     foreach name $names {
         zmq::socket create $name PULL
     }
+    return $names
 }
 
 proc delete_sockets {names} {
@@ -289,6 +293,7 @@ proc create_handlers {names} {
     foreach name $names {
         qel::reactor event $name readable [list on_message $name]
     }
+    return $names
 }
 
 proc delete_handlers {names} {
@@ -298,11 +303,11 @@ proc delete_handlers {names} {
 }
 
 proc create_timers {delays} {
-    set ::ids [schedule-package $delays]
+    schedule-package $delays
 }
 
-proc delete_timers {delays} {
-    cancel-package $::ids
+proc delete_timers {ids} {
+    cancel-package $ids
 }
 
 proc names_sockets {count} {
@@ -321,23 +326,23 @@ proc names_handlers {count} {
 
 proc names_timers {count} {
     for {set i 0} {$i < $count} {incr i} {
-        lappend names [expr {100000 + $i}]
+        # Each delay once, in no order; shuffling would leave memory behind for the timers.
+        lappend delays [expr {100000 + $i * 7919 % $count}]
     }
-    return $names
+    return $delays
 }
 
 proc workload_grow {kind count} {
-    set one [names_$kind 1]
-    create_$kind $one
-    delete_$kind $one
+    delete_$kind [create_$kind [names_$kind 1]]
     set names [names_$kind $count]
     set before [resident]
     set start [clock microseconds]
-    create_$kind $names
+    set made [create_$kind $names]
     set created [expr {([clock microseconds] - $start) / double($count)}]
     set held [expr {([resident] - $before) / double($count)}]
+    set made [shuffled $made]
     set start [clock microseconds]
-    delete_$kind $names
+    delete_$kind $made
     set deleted [expr {([clock microseconds] - $start) / double($count)}]
     return [list $created $deleted $held]
 }

@@ -10,7 +10,7 @@
 #                  {heartbeat name state stats}  now and then, and when the worker stops
 #   dead     PUSH  {name error frame ...}        a job that failed, after the reason
 #
-# SIGTERM, SIGINT: take no new job, finish those accepted, exit once all that they yield has
+# SIGTERM, SIGINT: take no new job, finish those accepted, exit once what they yield has
 # found room.  SIGHUP: read the configuration file again.  SIGUSR1: show statistics.
 package require zmq
 
