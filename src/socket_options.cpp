@@ -157,8 +157,22 @@ Tcl_Obj* pv_option_get_z85(void* socket, int code) {
  */
 constexpr size_t topicMax = 16384;
 
+/*
+ * libzmq 4.3 tells the other end of each connection of new high-water marks, even an
+ * end that is freed already while the socket has not taken note of that: a crash.
+ * Asking for the events takes note.  Whether they can be told does not matter here.
+ */
+void note_lost_connections(void* socket) {
+    int events;
+    size_t size = sizeof events;
+    (void) zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size);
+}
+
 int set_unless_fatal(void* socket, const PVSockOpt* opt, const void* value,
                      size_t size) {
+    if (opt->code == ZMQ_SNDHWM || opt->code == ZMQ_RCVHWM) {
+        note_lost_connections(socket);
+    }
     if (opt->code == ZMQ_SUBSCRIBE && size > topicMax) {
         errno = EINVAL;
         return -1;

@@ -185,6 +185,8 @@ foreach {option value word} {-sndhwm 5 INT -maxmsgsize 9 I64 -affinity 1 U64 -su
         [list {::zmq::socket create s SUB} "s configure $option $value" {s close}] \
         [one "failed to set option \"$option\": Invalid argument" ZMQ SOCKET SET $word] $both
 }
+lappend rows set-marks zmq_getsockopt 22 \
+    {{::zmq::socket create s SUB} {s configure -rcvhwm 5} {s close}} {ok} $both
 foreach {option} {-linger -affinity -maxmsgsize -identity -last_endpoint -type} {
     lappend rows get zmq_getsockopt 22 \
         [list {::zmq::socket create s SUB} "s configure $option" {s close}] \
