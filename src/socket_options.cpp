@@ -12,6 +12,7 @@
 #include <errno.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/poll.h>
 #include <zmq.h>
 
 // Later versions of ZeroMQ renamed these and may drop the old names one day.
@@ -158,20 +159,40 @@ Tcl_Obj* pv_option_get_z85(void* socket, int code) {
 constexpr size_t topicMax = 16384;
 
 /*
- * libzmq 4.3 tells the other end of each connection of new high-water marks, even an
- * end that is freed already while the socket has not taken note of that: a crash.
- * Asking for the events takes note.  Whether they can be told does not matter here.
+ * libzmq 4.3 tells the other end of each connection of new high-water marks.  An end
+ * that goes is freed once the socket has agreed, but the socket has the connection
+ * until it is told that this is done; marks set between the two are written to freed
+ * memory, which can crash the process.  So the socket answers what has come, until
+ * nothing has come for a time in which ZeroMQ's own thread surely replies.
  */
-void note_lost_connections(void* socket) {
-    int events;
-    size_t size = sizeof events;
-    (void) zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size);
+constexpr int quietTime = 10;    // milliseconds; a reply takes some hundredth of that
+constexpr int answersMax = 1000; // connections that are busy never get quiet
+
+void settle_connections(void* socket) {
+    char endpoint[valueMax];
+    size_t size = sizeof endpoint;
+    if (zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0 && size <= 1) {
+        return; // neither bound nor connected yet
+    }
+    pollfd commands = {-1, POLLIN, 0};
+    size = sizeof commands.fd;
+    if (zmq_getsockopt(socket, ZMQ_FD, &commands.fd, &size) == -1) {
+        return;
+    }
+    for (int i = 0; i < answersMax; i++) {
+        int events;
+        size = sizeof events;
+        if (zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size) == -1 ||
+            poll(&commands, 1, quietTime) <= 0) {
+            return;
+        }
+    }
 }
 
 int set_unless_fatal(void* socket, const PVSockOpt* opt, const void* value,
                      size_t size) {
     if (opt->code == ZMQ_SNDHWM || opt->code == ZMQ_RCVHWM) {
-        note_lost_connections(socket);
+        settle_connections(socket);
     }
     if (opt->code == ZMQ_SUBSCRIBE && size > topicMax) {
         errno = EINVAL;
