@@ -4,9 +4,9 @@
  * The commands have the names of the package's, so that the same procs run on them, and
  * do what those procs need, and examples/worker.tcl until it is stopped, and nothing
  * else: no message on an error (the process ends), no option that they do not set, no
- * count, no timer, no signal, no log, no check that a socket or a handler still is there.  The calls
- * of libzmq are those that the package makes for them.  What Tcl itself takes remains: the
- * call of a command, the result of a receive, the evaluation of a handler.
+ * count, no timer, no signal, no log, no check that a socket or a handler still is there.
+ * The calls of libzmq are those that the package makes for them.  What Tcl itself takes
+ * remains: the call of a command, the result of a receive, the evaluation of a handler.
  *
  * With BARE_COPIES in the environment, poll copies the names of the handles, too, which is
  * part of the package's design.

@@ -30,6 +30,12 @@ proc compared {args} {
     return [format %.3f [median $each]]
 }
 
+proc bounds {args} {
+    set each [comparisons {*}$args]
+    if {[llength $each] == 0} {return {{} {}}}
+    return [list [format %.3f [lindex $each 0]] [format %.3f [lindex $each end]]]
+}
+
 proc results_of {measurement} {
     lassign $measurement section workload peer outputs references
     set rows {}
@@ -37,11 +43,11 @@ proc results_of {measurement} {
         lassign $output name title unit own_target
         foreach subject [concat package [dict keys $references]] {
             set values [lsort -real $::samples($name,$subject)]
-            lassign {} ratio target met least greatest
+            lassign {} ratio target met
+            set bounds {{} {}}
             if {$subject ne "package"} {
                 set ratio [compared $unit $name $subject]
-                set each [comparisons $unit $name $subject]
-                lassign [list [lindex $each 0] [lindex $each end]] least greatest
+                set bounds [bounds $unit $name $subject]
                 set target [dict get $references $subject]
                 set target [expr {$target eq "" ? $own_target : $target}]
                 if {$target ne "-"} {
@@ -51,10 +57,7 @@ proc results_of {measurement} {
             }
             lappend rows [list $section $name $title $unit $subject \
                 [format %.6g [median $values]] [format %.6g [lindex $values 0]] \
-                [format %.6g [lindex $values end]] $ratio $target $met \
-                {*}[lmap bound [list $least $greatest] {
-                    if {$bound ne ""} {format %.3f $bound} else {list}
-                }]]
+                [format %.6g [lindex $values end]] $ratio $target $met {*}$bounds]
         }
     }
     return $rows
