@@ -25,7 +25,6 @@ foreach {signal handler} {SIGTERM stop SIGINT stop SIGHUP reload SIGUSR1 report}
 # encoding convertfrom and convertto); after an error the job is a dead letter.
 proc job {args} {return $args}
 
-set current {}    ;# the frames of the job in hand
 set kept {}       ;# {socket frame ...}: a message that found no room
 set backlog {}    ;# jobs accepted but not begun when the worker was told to stop
 set stopping 0
@@ -85,28 +84,29 @@ proc resume {} {
 
 # Does one job, all of it.  Arguments are quicker than "::name", looked up every time.
 proc work {jobs results name {draining 0}} {
-    global current
     if {$draining} {
         ::qel::reactor after 0 drain
-        set ::backlog [lassign $::backlog current]
+        set ::backlog [lassign $::backlog frames]
     } else {
-        set current [$jobs recv -nowait]
+        set frames [$jobs recv -nowait]
     }
-    set message [list result $name {*}[job {*}$current]]
-    set current {}
-    if {[catch {$results send -nowait {*}$message}]} {keep $results {*}$message}
+    if {[catch {list {*}[job {*}$frames]} yield]} {
+        return -code error -errorinfo $::errorInfo -errorcode [list JOB $frames] $yield
+    }
+    if {[catch {$results send -nowait result $name {*}$yield}]} {
+        keep $results result $name {*}$yield
+    }
 }
 proc drain {} {
     if {[llength $::kept]} return
     if {[llength $::backlog]} {{*}$::work 1} else {::qel::reactor stop}
 }
 
-# The background-error handler: an error while a job is in hand is the job's.
-proc failed {message {options {}}} {
+# The background-error handler.  The code of a job's error holds the frames of the job.
+proc failed {message options} {
     log "error: $message"
-    if {![llength $::current]} return
-    set letter [list $::name [encoding convertto utf-8 $message] {*}$::current]
-    set ::current {}
+    if {[catch {dict get $options -errorcode} code] || ![string match "JOB *" $code]} return
+    set letter [list $::name [encoding convertto utf-8 $message] {*}[lindex $code 1]]
     if {[catch {$::dead send -nowait {*}$letter}]} {keep $::dead {*}$letter}
 }
 

@@ -26,6 +26,7 @@ namespace {
 constexpr size_t frameMax = INT_MAX - 64;
 
 constexpr char nowaitWord[] = "-nowait";
+constexpr int nowaitLength = sizeof nowaitWord - 1;
 
 /* A ZeroMQ message for a scope: it is open from a successful init to close. */
 class Message {
@@ -56,20 +57,19 @@ class Message {
 };
 
 /*
- * Tells whether a word is exactly "-nowait".  A byte array without a string is
- * compared as it is: making its string would copy a whole frame.
+ * Tells whether a word is exactly "-nowait".  Only a word of that many bytes is
+ * compared as a string: making the string of a frame would copy all of it.
  */
 bool is_nowait(Tcl_Obj* word) {
     int length;
-    const char* text;
-    if (word->bytes == nullptr && word->typePtr != nullptr &&
-        strcmp(word->typePtr->name, "bytearray") == 0) {
-        text = reinterpret_cast<const char*>(Tcl_GetByteArrayFromObj(word, &length));
-    } else {
-        text = Tcl_GetStringFromObj(word, &length);
+    if (word->bytes == nullptr) {
+        Tcl_GetByteArrayFromObj(word, &length);
+        if (length != nowaitLength) {
+            return false;
+        }
     }
-    return length == static_cast<int>(sizeof nowaitWord - 1) &&
-           memcmp(text, nowaitWord, sizeof nowaitWord - 1) == 0;
+    const char* text = Tcl_GetStringFromObj(word, &length);
+    return length == nowaitLength && memcmp(text, nowaitWord, nowaitLength) == 0;
 }
 
 /* The failure of an operation whose error text ZeroMQ gives. */
