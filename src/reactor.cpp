@@ -126,31 +126,26 @@ void pv_event_clear(PVReactor* r, int position, int event) {
 
 void pv_event_delete(PVReactor* r, int position, int event);
 
-/* Called by Tcl when a channel that has an entry is closed. */
-void channel_closed(ClientData clientData) {
+/*
+ * Called by Tcl when a channel is closed that has, or had, an entry for each of its
+ * descriptors.  One that had may have given its descriptor to another channel already.
+ */
+void channel_closed(ClientData channel) {
     PVReactor* r = thread_reactor();
-    const int fd = static_cast<int>(reinterpret_cast<intptr_t>(clientData));
-    const int position = pv_event_find_chan(r, fd);
-    if (position != -1) {
-        r->poll.infos[position].data = nullptr; // Tcl has dropped the close handler
-        pv_event_delete(r, position, allEvents);
+    for (size_t i = r->poll.nitems; i-- > 0;) {
+        if (r->poll.infos[i].data == channel) {
+            r->poll.infos[i].data = nullptr; // Tcl drops the close handler
+            pv_event_delete(r, static_cast<int>(i), allEvents);
+        }
     }
 }
-
-/* A descriptor as the client data of a close handler. */
-ClientData fd_as_data(int fd) {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the number is all there is to tell
-    return reinterpret_cast<ClientData>(static_cast<intptr_t>(fd));
-}
-
 /* The entry of a descriptor is for this channel from now on. */
 void channel_watch(PVReactor* r, int position, Tcl_Channel channel) {
     PVPollInfo* info = &r->poll.infos[position];
     if (info->data != channel) {
         info->data = channel;
         set_slot(info->name, Tcl_NewStringObj(Tcl_GetChannelName(channel), -1));
-        Tcl_CreateCloseHandler(channel, channel_closed,
-                               fd_as_data(r->poll.items[position].fd));
+        Tcl_CreateCloseHandler(channel, channel_closed, channel);
     }
 }
 
@@ -166,7 +161,7 @@ void pv_event_compact(PVReactor* r, int position) {
             static_cast<PVSockData*>(infos[position].data));
     } else if (infos[position].data != nullptr) {
         Tcl_DeleteCloseHandler(static_cast<Tcl_Channel>(infos[position].data),
-                               channel_closed, fd_as_data(items[position].fd));
+                               channel_closed, infos[position].data);
     }
     set_slot(infos[position].name, nullptr);
     const size_t last = r->poll.nitems - 1;
@@ -212,7 +207,7 @@ bool event_gone(const zmq_pollitem_t& item, Tcl_Channel channel, int event) {
     const int direction = event == ZMQ_POLLIN ? TCL_READABLE : TCL_WRITABLE;
     return (item.events & event) != 0 &&
            (Tcl_GetChannelHandle(channel, direction, &handle) != TCL_OK ||
-            handle != fd_as_data(item.fd));
+            static_cast<int>(reinterpret_cast<intptr_t>(handle)) != item.fd);
 }
 
 /* All such events of an entry. */

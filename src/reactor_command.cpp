@@ -136,6 +136,17 @@ constexpr Subcommand subcommands[] = {
     {nullptr, nullptr, false},
 };
 
+/* The code of an error alone: its trace tells what the owner did before. */
+void copy_error_code(Tcl_Interp* to, Tcl_Interp* from) {
+    Tcl_Obj* word = nullptr;
+    const ObjRef key(Tcl_NewStringObj("-errorcode", -1));
+    const ObjRef options(Tcl_GetReturnOptions(from, TCL_ERROR));
+    Tcl_DictObjGet(nullptr, options.get(), key.get(), &word);
+    if (word != nullptr) {
+        Tcl_SetObjErrorCode(to, word);
+    }
+}
+
 /* Runs a subcommand for an interpreter other than the reactor's own. */
 int run_for_guest(const Subcommand* subcommand, PVReactor* r, Tcl_Interp* guest,
                   int objc, Tcl_Obj* const objv[]) {
@@ -147,7 +158,7 @@ int run_for_guest(const Subcommand* subcommand, PVReactor* r, Tcl_Interp* guest,
         return code;
     }
     if (code == TCL_ERROR) {
-        Tcl_SetReturnOptions(guest, Tcl_GetReturnOptions(owner.get(), code));
+        copy_error_code(guest, owner.get());
     }
     Tcl_SetObjResult(guest, result.get());
     return code;
