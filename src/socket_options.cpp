@@ -2,7 +2,8 @@
  * socket_options.cpp -- socket options: the table, the readers and the writers.
  *
  * Adding an option is one row.  Names are matched whole; values are neither
- * range-tested nor read back: ZeroMQ alone accepts or rejects them.
+ * range-tested nor read back: ZeroMQ alone accepts or rejects them, but for those whose
+ * acceptance would end the process.
  */
 #include "socket_options.h"
 
