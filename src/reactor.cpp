@@ -139,6 +139,7 @@ void channel_closed(ClientData channel) {
         }
     }
 }
+
 /* The entry of a descriptor is for this channel from now on. */
 void channel_watch(PVReactor* r, int position, Tcl_Channel channel) {
     PVPollInfo* info = &r->poll.infos[position];
