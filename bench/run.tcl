@@ -134,11 +134,11 @@ proc run {subject workload peer count} {
     }
     set got [gets $f line]
     foreach process [concat $peers [pid $f]] {
-        catch {exec kill $process}
+        catch {exec sh -c "kill $process"}
     }
     catch {close $f}
     if {[info exists server]} {
-        exec kill [pid $server]
+        exec sh -c "kill [pid $server]"
         catch {close $server}
     }
     if {$got < 0 || [lindex $line 0] ne "value"} {

@@ -3,7 +3,7 @@
 add_library(parvo_flags INTERFACE)
 target_compile_definitions(parvo_flags INTERFACE
   USE_TCL_STUBS TCL_THREADS=1 _GNU_SOURCE
-  PARVO_BUILD_HOST="${PARVO_BUILD_HOST}")
+  PARVO_BUILD_HOST="${PARVO_BUILD_HOST}" PARVO_VERSION="${PROJECT_VERSION}")
 target_include_directories(parvo_flags SYSTEM INTERFACE ${TCL_INCLUDE_DIRS})
 target_compile_options(parvo_flags INTERFACE
   -UNDEBUG -fno-exceptions -fno-rtti -fvisibility=hidden -fvisibility-inlines-hidden

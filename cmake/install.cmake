@@ -19,18 +19,44 @@ if(NOT DEFINED PARVO_MAN_SECTION)
 endif()
 set(PARVO_DOCDIR share/doc/tcl-parvo)
 
-# The files installed can be read by everyone, whatever the umask of the clone was.
+# What is installed is for everyone, whatever the umasks were.  CMake obeys the umask where
+# it makes a directory on its way; those that are there already stay as they are.
 set(parvo_file OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(parvo_program ${parvo_file} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
+string(SUBSTRING "${PARVO_MAN_SECTION}" 0 1 parvo_man)
+set(parvo_mandir "share/man/man${parvo_man}")
+set(parvo_places "${PARVO_LIBDIR}/zmq${PROJECT_VERSION};${PARVO_DOCDIR};${parvo_mandir}")
+install(CODE "
+  foreach(place IN ITEMS ${parvo_places})
+    set(place \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/\${place}\")
+    set(missing \"\")
+    while(place AND NOT EXISTS \"\${place}\")
+      list(PREPEND missing \"\${place}\")
+      get_filename_component(place \"\${place}\" DIRECTORY)
+    endwhile()
+    foreach(directory IN LISTS missing)
+      file(MAKE_DIRECTORY \"\${directory}\")
+      file(CHMOD \"\${directory}\" PERMISSIONS ${parvo_program})
+    endforeach()
+  endforeach()")
 
 install(TARGETS parvo DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES "${PROJECT_BINARY_DIR}/pkgIndex.tcl"
   DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
+# A Tcl module beside it: Tcl looks for modules first, and for a package reads the index of
+# every package on the machine.  The default module paths of Debian's tclsh are below /usr.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  file(RELATIVE_PATH parvo_place "/${parvo_tmdir}" "/${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
+  file(WRITE "${PROJECT_BINARY_DIR}/zmq-${PROJECT_VERSION}.tm"
+    "load [file join [file dirname [info script]] ${parvo_place} lib${parvo_library}.so] Parvo\n")
+  install(FILES "${PROJECT_BINARY_DIR}/zmq-${PROJECT_VERSION}.tm" DESTINATION "${parvo_tmdir}")
+endif()
 # The scripts at the top, and a main.tcl further down, are programs.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
   FILE_PERMISSIONS ${parvo_file} DIRECTORY_PERMISSIONS ${parvo_program}
   PATTERN "__pycache__" EXCLUDE
   REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl)$" PERMISSIONS ${parvo_program})
+install(FILES examples/text.tcl DESTINATION "${PARVO_DOCDIR}/examples") # no program
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
 
 # The README's links lead to the manual that is installed, not to its sources; what they
@@ -57,6 +83,9 @@ add_custom_command(OUTPUT changelog.gz changelog.Debian.gz
   COMMAND "${GZIP}" -9nc changelog.Debian > changelog.Debian.gz
   DEPENDS "${PROJECT_SOURCE_DIR}/CHANGELOG.md" VERBATIM)
 add_custom_target(installed_texts ALL DEPENDS "${PROJECT_BINARY_DIR}/README.md" changelog.gz)
+# All that is installed, and no test.
+add_custom_target(installable)
+add_dependencies(installable parvo installed_texts)
 install(FILES "${PROJECT_BINARY_DIR}/README.md" "${PROJECT_BINARY_DIR}/changelog.gz"
   DESTINATION "${PARVO_DOCDIR}")
 install(FILES LICENSE RENAME copyright DESTINATION "${PARVO_DOCDIR}")
@@ -79,7 +108,7 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION interpreters)
 # The dynamic linker's view is inspected; it does not see Tcl, which comes by its stubs.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "tcl (>= 8.5), tcl (<< 9)")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "${parvo_tcl_depends}")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "tcl-thread, tcllib, python3-zmq")
 set(CPACK_STRIP_FILES ON)
 

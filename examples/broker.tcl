@@ -24,6 +24,7 @@ foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
+source [file join [file dirname [info script]] text.tcl]
 
 proc complain {message {options {}}} {
     puts stderr "[::qel::timestamp] broker: $message"
@@ -45,7 +46,7 @@ proc from_worker {} {
         frontend send {*}$frames ;# a ROUTER drops what is for a client that has left
     }
     if {![dict exists $workers $worker]} {
-        puts "worker $worker joined"
+        say $worker joined
     } elseif {$count < [lindex [dict get $workers $worker] 1]} {
         return ;# a heartbeat that crossed a request on its way
     }
@@ -79,8 +80,13 @@ proc admit {} {
         [expr {[llength $::idle] > 0 ? "from_client" : ""}]
 }
 
+# A worker's address is a name in UTF-8.
+proc say {worker what} {
+    puts "worker [shown [encoding convertfrom utf-8 $worker]] $what"
+}
+
 proc forget {worker} {
-    puts "worker $worker left"
+    say $worker left
     dict unset ::workers $worker
     set ::idle [lsearch -all -inline -exact -not $::idle $worker]
 }

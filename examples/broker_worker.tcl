@@ -11,6 +11,7 @@ foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
+source [file join [file dirname [info script]] text.tcl]
 
 proc complain {message {options {}}} {
     puts stderr "[::qel::timestamp] $::name: $message"
@@ -45,11 +46,12 @@ lassign $argv endpoint name
 if {$endpoint eq {}} {
     set endpoint tcp://127.0.0.1:5556
 }
+check_text [list $name]
 append name [expr {$name eq {} ? [info hostname] : {}}]-[pid]
 set taken 0
 
 ::zmq::socket create broker DEALER
-broker configure -identity $name
+broker configure -identity [encoding convertto utf-8 $name]
 broker configure -maxmsgsize 1000000
 # Heartbeats must not pile up for a broker that is away: without a connection there
 # is no queue.

@@ -7,6 +7,7 @@
 # lost or late: requests must be such that this does no harm.
 
 package require zmq
+source [file join [file dirname [info script]] text.tcl]
 
 set patience 1000 ;# milliseconds to wait for an answer
 set tries 5
@@ -34,6 +35,7 @@ if {[llength $questions] == 0} {
     puts stderr "usage: request.tcl endpoint text ?text ...?"
     exit 2
 }
+check_text $questions
 fconfigure stdout -buffering line
 
 ::zmq::socket create server REQ
@@ -51,7 +53,7 @@ foreach question $questions {
         puts stderr $answer
         set status 1
     } else {
-        puts $answer
+        puts [shown $answer]
     }
 }
 server close

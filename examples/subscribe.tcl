@@ -12,6 +12,7 @@ foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
+source [file join [file dirname [info script]] text.tcl]
 
 proc complain {message {options {}}} {
     puts stderr "[::qel::timestamp] subscribe: $message"
@@ -25,7 +26,7 @@ proc received {} {
         foreach frame [subscriber recv -nowait] {
             lappend words [encoding convertfrom utf-8 $frame]
         }
-        puts [join $words { }]
+        puts [shown [join $words { }]]
     }
 }
 
@@ -43,6 +44,7 @@ if {$endpoint eq {}} {
     puts stderr "usage: subscribe.tcl endpoint ?topic ...? ?-monitor endpoint?"
     exit 2
 }
+check_text $topics
 fconfigure stdout -buffering line
 
 ::zmq::socket create subscriber SUB

@@ -12,6 +12,7 @@
 #include "tclsupport.h"
 
 #include <atomic>
+#include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
 #include <zmq.h>
@@ -37,14 +38,13 @@ bool ctx_ensure(const char* fn) {
     if (global.ctx.load(std::memory_order_relaxed) != nullptr) {
         return true;
     }
+    pv_ctx_standard_descriptors();
     void* ctx = zmq_ctx_new();
     if (ctx == nullptr) {
         return false;
     }
     global.ctx.store(ctx, std::memory_order_release);
-    if (debugging()) {
-        log_output(fn, "created default ZeroMQ context");
-    }
+    DEBUG_LINE(fn, "created default ZeroMQ context");
     return true;
 }
 
@@ -59,13 +59,9 @@ void ctx_terminate(const char* fn) {
     if (ctx == nullptr) {
         return;
     }
-    if (debugging()) {
-        log_output(fn, "waiting 100 ms");
-    }
+    DEBUG_LINE(fn, "waiting 100 ms");
     usleep(terminationPause);
-    if (debugging()) {
-        log_output(fn, "before destroying default ZeroMQ context...");
-    }
+    DEBUG_LINE(fn, "before destroying default ZeroMQ context...");
     zmq_ctx_term(ctx);
     global.ctx.store(nullptr, std::memory_order_release);
 }
@@ -85,17 +81,37 @@ void* pv_ctx_default_new(Tcl_Interp* interp) {
     return ctx != nullptr ? ctx : ctx_failed(interp);
 }
 
+int pv_zmq_version() {
+    int major;
+    int minor;
+    int patch;
+    zmq_version(&major, &minor, &patch);
+    return major * 10000 + minor * 100 + patch;
+}
+
+void pv_ctx_standard_descriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if (fcntl(fd, F_GETFD) != -1) {
+            continue;
+        }
+        // The lowest free number is taken: this one, unless another thread was quicker.
+        const int null = open("/dev/null", O_RDWR);
+        if (null > STDERR_FILENO) {
+            close(null);
+        }
+    }
+}
+
 void* pv_ctx_default_for_socket_new(Tcl_Interp* interp) {
     void* ctx;
+    pv_ctx_standard_descriptors();
     {
         MutexLock lock(&mutexForCtx);
         if (ctx_ensure("pv_ctx_default_for_socket_new")) {
             global.sockets++;
         }
-        if (debugging()) {
-            log_output("pv_ctx_default_for_socket_new",
-                       "sockets now using the default context: %zu", global.sockets);
-        }
+        DEBUG_LINE("pv_ctx_default_for_socket_new",
+                   "sockets now using the default context: %zu", global.sockets);
         ctx = global.ctx.load(std::memory_order_relaxed);
     }
     return ctx != nullptr ? ctx : ctx_failed(interp);
@@ -106,10 +122,8 @@ void pv_ctx_default_for_socket_destroy(ClientData /*unused*/) {
     if (global.sockets > 0) {
         global.sockets--;
     }
-    if (debugging()) {
-        log_output("pv_ctx_default_for_socket_destroy", "sockets left: %zu",
-                   global.sockets);
-    }
+    DEBUG_LINE("pv_ctx_default_for_socket_destroy", "sockets left: %zu",
+               global.sockets);
 }
 
 void pv_ctx_default_destroy(ClientData /*unused*/) {
@@ -125,7 +139,5 @@ void pv_ctx_default_destroy(ClientData /*unused*/) {
             ctx_terminate(fn);
         }
     }
-    if (debugging()) {
-        log_output(fn, "destroyed default ZeroMQ context");
-    }
+    DEBUG_LINE(fn, "destroyed default ZeroMQ context");
 }

@@ -27,6 +27,19 @@ void pv_ctx_default_destroy(ClientData unused);
  */
 void* pv_ctx_default_for_socket_new(Tcl_Interp* interp);
 
+/*
+ * The version of libzmq that was loaded, as a number: 40304 is 4.3.4.  Versions differ
+ * in what they survive.
+ */
+int pv_zmq_version();
+
+/*
+ * Opens the null device on each standard descriptor that is closed, so that ZeroMQ is
+ * not given one: what the program writes to its standard error would go into ZeroMQ's
+ * connection and end the process.  Called before ZeroMQ opens descriptors.
+ */
+void pv_ctx_standard_descriptors();
+
 /* Counts one socket less; its argument is ignored.  Never ends the context. */
 void pv_ctx_default_for_socket_destroy(ClientData unused);
 

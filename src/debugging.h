@@ -1,7 +1,8 @@
 /*
  * debugging.h -- the debug log: one process-wide record, one line per call.
  *
- * The record has no lock.  Any thread may change it while others write lines.
+ * Any thread may change the record while others write lines.  A lock guards it, which
+ * is never held while a line is written.
  */
 #ifndef PARVO_DEBUGGING_H
 #define PARVO_DEBUGGING_H
@@ -23,7 +24,7 @@ void debugging_file(const char* path);
 void debugging_on();
 void debugging_off();
 
-/* Tells whether debug lines are wanted; every caller of log_output asks first. */
+/* Tells whether debug lines are wanted. */
 bool debugging();
 
 /* Forgets file, node and worker and switches the log off. */
@@ -36,5 +37,16 @@ void debugging_reset();
  */
 void log_output(const char* fn, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
+
+/*
+ * Writes a line if the log is on; otherwise nothing of it is evaluated.  fn: the name
+ * of the operation that the line shows.
+ */
+#define DEBUG_LINE(fn, ...)                                                            \
+    do {                                                                               \
+        if (debugging()) {                                                             \
+            log_output(fn, __VA_ARGS__);                                               \
+        }                                                                              \
+    } while (false)
 
 #endif

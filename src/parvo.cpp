@@ -6,6 +6,7 @@
  */
 #include "parvo.h"
 
+#include "command.h"
 #include "ctx.h"
 #include "debugging.h"
 #include "poll.h"
@@ -14,28 +15,23 @@
 #include "tclsupport.h"
 #include "utils.h"
 
-#include <string.h>
 #include <zmq.h>
 
-#define PACKAGE_NAME "zmq"
-#define PACKAGE_VERSION "0.5"
 #define BUILD_STRING                                                                   \
-    PACKAGE_NAME " " PACKAGE_VERSION " built " __DATE__ " " __TIME__                   \
-                 " on " PARVO_BUILD_HOST
+    "zmq " PARVO_VERSION " built " __DATE__ " " __TIME__ " on " PARVO_BUILD_HOST
 
 namespace {
 
-struct DebugWord {
+constexpr struct {
     const char* word;         // subcommand of ::zmq::debug
     void (*set)(const char*); // what takes its value
-};
-
-constexpr DebugWord debug_words[] = {
+} debug_words[] = {
     {"worker", debugging_worker},
     {"node", debugging_node},
     {"file", debugging_file},
     {nullptr, nullptr},
 };
+static_assert(table_ends(debug_words));
 
 constexpr bool has_percent(const char* text) {
     for (; *text != '\0'; text++) {
@@ -47,16 +43,11 @@ constexpr bool has_percent(const char* text) {
 }
 static_assert(!has_percent(BUILD_STRING), "the build string is used as a format");
 
-int wrong_arguments(Tcl_Interp* interp, Tcl_Obj* const objv[]) {
-    Tcl_WrongNumArgs(interp, 1, objv, nullptr);
-    return TCL_ERROR;
-}
-
 /* ::zmq::build */
 int ParvoBuildCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                   Tcl_Obj* const objv[]) {
     if (objc != 1) {
-        return wrong_arguments(interp, objv);
+        return wrong_count(interp, 1, objv, nullptr);
     }
     Tcl_SetObjResult(interp, Tcl_ObjPrintf(BUILD_STRING));
     return TCL_OK;
@@ -69,7 +60,7 @@ int ParvoVersionCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
     int minor;
     int patch;
     if (objc != 1) {
-        return wrong_arguments(interp, objv);
+        return wrong_count(interp, 1, objv, nullptr);
     }
     zmq_version(&major, &minor, &patch);
     Tcl_SetObjResult(interp, Tcl_ObjPrintf("%d.%d.%d", major, minor, patch));
@@ -84,9 +75,8 @@ int ParvoVersionCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
 int ParvoDebugCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                   Tcl_Obj* const objv[]) {
     int on;
-    int index;
     if (objc > 3) {
-        return wrong_arguments(interp, objv);
+        return wrong_count(interp, 1, objv, nullptr);
     }
     if (objc == 1) {
         Tcl_SetObjResult(interp, Tcl_NewIntObj(debugging() ? 1 : 0));
@@ -96,26 +86,26 @@ int ParvoDebugCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
         on != 0 ? debugging_on() : debugging_off();
         return TCL_OK;
     }
-    if (Tcl_GetIndexFromObjStruct(interp, objv[1], debug_words, sizeof(DebugWord),
-                                  "subcommand", 0, &index) != TCL_OK) {
+    const auto* row = command_row(interp, debug_words, objv[1], "subcommand");
+    if (row == nullptr) {
         return TCL_ERROR;
     }
     if (objc != 3) {
-        return wrong_arguments(interp, objv);
+        return wrong_count(interp, 1, objv, nullptr);
     }
-    debug_words[index].set(Tcl_GetString(objv[2]));
+    row->set(Tcl_GetString(objv[2]));
     return TCL_OK;
 }
 
 /* ::qel::timestamp */
 int ParvoTimestampCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                       Tcl_Obj* const objv[]) {
-    char now[64];
+    char now[timestampMax];
     if (objc != 1) {
-        return wrong_arguments(interp, objv);
+        return wrong_count(interp, 1, objv, nullptr);
     }
     timestamp(now, sizeof now);
-    Tcl_Obj* text = Tcl_NewStringObj(now, static_cast<int>(strlen(now)));
+    Tcl_Obj* text = Tcl_NewStringObj(now, -1);
     if (text == nullptr) {
         return fail(interp, "failed to allocate Tcl string", "QEL", "TIMESTAMP");
     }
@@ -128,26 +118,13 @@ int ParvoTimestampCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
  * left to terminate.
  */
 void pv_exit_handler(ClientData clientData) {
-    const char* fn = "pv_exit_handler";
-    if (debugging()) {
-        log_output(fn, "thread exit handler to destroy default ctx");
-    }
+    DEBUG_LINE("pv_exit_handler", "thread exit handler to destroy default ctx");
     pv_ctx_default_destroy(clientData);
-    if (debugging()) {
-        log_output(fn, "thread exit handler: done");
-    }
+    DEBUG_LINE("pv_exit_handler", "thread exit handler: done");
     debugging_reset();
 }
 
-int pv_init_ctx(Tcl_Interp* interp) {
-    if (pv_ctx_default_new(interp) == nullptr) {
-        return fail(interp, "failed to create default ctx", "ZMQ", "INIT", "CTX");
-    }
-    Tcl_CreateThreadExitHandler(pv_exit_handler, nullptr);
-    return TCL_OK;
-}
-
-int pv_commands_install(Tcl_Interp* interp) {
+void commands_install(Tcl_Interp* interp) {
     static constexpr struct {
         const char* name;
         Tcl_ObjCmdProc* proc;
@@ -160,22 +137,19 @@ int pv_commands_install(Tcl_Interp* interp) {
     for (const auto& command : commands) {
         Tcl_CreateObjCommand(interp, command.name, command.proc, nullptr, nullptr);
     }
-    return TCL_OK;
 }
 
 } // namespace
 
 int Parvo_Init(Tcl_Interp* interp) {
-    if (interp == nullptr) {
+    if (interp == nullptr || Tcl_InitStubs(interp, tclWanted, 0) == nullptr) {
         return TCL_ERROR;
     }
-    if (Tcl_InitStubs(interp, "8.5", 0) == nullptr) {
-        return TCL_ERROR;
+    if (pv_ctx_default_new(interp) == nullptr) {
+        return fail(interp, "failed to create default ctx", "ZMQ", "INIT", "CTX");
     }
-    if (pv_init_ctx(interp) != TCL_OK) {
-        return TCL_ERROR;
-    }
-    pv_commands_install(interp);
-    Tcl_PkgProvideEx(interp, PACKAGE_NAME, PACKAGE_VERSION, nullptr);
+    Tcl_CreateThreadExitHandler(pv_exit_handler, nullptr);
+    commands_install(interp);
+    Tcl_PkgProvideEx(interp, "zmq", PARVO_VERSION, nullptr);
     return TCL_OK;
 }

@@ -6,12 +6,14 @@
  */
 #include "poll.h"
 
+#include "command.h"
 #include "socket.h"
 #include "tclsupport.h"
 
-#include <stdint.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -22,6 +24,21 @@ constexpr long defaultTimeout = 1; // milliseconds
  * would end after 71 minutes and others at once: long waits are made of such slices.
  */
 constexpr long sliceMax = 3600000; // milliseconds: one hour
+
+/*
+ * poll(2) refuses more entries than the process may have descriptors, and libzmq 4.3
+ * ends the process when it does.  Asking for the limit takes as long as polling one
+ * descriptor, so it is asked only where a poll takes many times that.  A process whose
+ * limit is below this number cannot open a ZeroMQ socket beside its standard
+ * descriptors: ZeroMQ's own threads take nine.
+ */
+constexpr int itemsUnchecked = 16; // items
+
+bool too_many(int nitems) {
+    rlimit limit;
+    return nitems > itemsUnchecked && getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+           static_cast<rlim_t>(nitems) > limit.rlim_cur;
+}
 
 struct PVPollArgs {
     size_t nitems;         // handles to poll
@@ -38,22 +55,21 @@ void pv_poll_args_destroy(PVPollArgs* args) {
         free(args->handles[i]);
         args->handles[i] = nullptr;
     }
-    Tcl_Free(reinterpret_cast<char*>(args->items));
-    args->items = nullptr;
-    Tcl_Free(reinterpret_cast<char*>(args));
+    release(args->items);
+    release(args);
 }
 
-char* alloc_zeroed(size_t size) {
-    char* memory = Tcl_Alloc(static_cast<unsigned>(size));
+void* allocate_zeroed(size_t size) {
+    void* memory = allocate(size);
     memset(memory, 0, size);
     return memory;
 }
 
 PVPollArgs* pv_poll_args_new(size_t nitems) {
-    auto* args = reinterpret_cast<PVPollArgs*>(
-        alloc_zeroed(sizeof(PVPollArgs) + nitems * sizeof(char*)));
-    args->items = reinterpret_cast<zmq_pollitem_t*>(
-        alloc_zeroed((nitems + 1) * sizeof(zmq_pollitem_t)));
+    auto* args = static_cast<PVPollArgs*>(
+        allocate_zeroed(sizeof(PVPollArgs) + nitems * sizeof(char*)));
+    args->items = static_cast<zmq_pollitem_t*>(
+        allocate_zeroed((nitems + 1) * sizeof(zmq_pollitem_t)));
     args->nitems = nitems;
     args->timeout = defaultTimeout;
     return args;
@@ -61,19 +77,18 @@ PVPollArgs* pv_poll_args_new(size_t nitems) {
 
 /* The channel's readable descriptor; false with an error left in interp. */
 bool channel_fd(Tcl_Interp* interp, const char* name, int* fd) {
-    ClientData handle;
     Tcl_Channel channel = Tcl_GetChannel(interp, name, nullptr);
     if (channel == nullptr) {
         fail(interp, Tcl_ObjPrintf("\"%s\" is neither a socket nor a channel", name),
              "ZMQ", "POLL", "HANDLE", name);
         return false;
     }
-    if (Tcl_GetChannelHandle(channel, TCL_READABLE, &handle) != TCL_OK) {
+    *fd = channel_descriptor(channel, TCL_READABLE);
+    if (*fd == -1) {
         fail(interp, Tcl_ObjPrintf("no readable channel for '%s'", name), "ZMQ", "POLL",
              "HANDLE", name);
         return false;
     }
-    *fd = static_cast<int>(reinterpret_cast<intptr_t>(handle));
     return true;
 }
 
@@ -97,8 +112,7 @@ PVPollArgs* pv_poll_args_item(Tcl_Interp* interp, Tcl_Obj* handle, size_t index,
 }
 
 /* The record of one call; null with an error left in interp and nothing built. */
-PVPollArgs* pv_poll_args_parse(ClientData /*unused*/, Tcl_Interp* interp, int objc,
-                               Tcl_Obj* const objv[]) {
+PVPollArgs* pv_poll_args_parse(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     long timeout = defaultTimeout;
     const bool timed = Tcl_GetLongFromObj(nullptr, objv[objc - 1], &timeout) == TCL_OK;
     PVPollArgs* args =
@@ -139,13 +153,12 @@ int pv_poll_results(Tcl_Interp* interp, PVPollArgs* args) {
 } // namespace
 
 /* ::zmq::poll ?handle...? ?timeout? */
-int ParvoPollCmd(ClientData clientData, Tcl_Interp* interp, int objc,
+int ParvoPollCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                  Tcl_Obj* const objv[]) {
     if (objc < 2) {
-        Tcl_WrongNumArgs(interp, 1, objv, "?handle...? ?timeout?");
-        return TCL_ERROR;
+        return wrong_count(interp, 1, objv, "?handle...? ?timeout?");
     }
-    PVPollArgs* args = pv_poll_args_parse(clientData, interp, objc, objv);
+    PVPollArgs* args = pv_poll_args_parse(interp, objc, objv);
     if (args == nullptr) {
         return TCL_ERROR;
     }
@@ -155,6 +168,10 @@ int ParvoPollCmd(ClientData clientData, Tcl_Interp* interp, int objc,
 }
 
 int pv_poll_wait(zmq_pollitem_t* items, int nitems, long timeout) {
+    if (too_many(nitems)) {
+        errno = EINVAL;
+        return -1;
+    }
     while (nitems == 0 && (timeout < 0 || timeout > sliceMax)) {
         const int rc = zmq_poll(items, 0, sliceMax);
         if (rc < 0) {

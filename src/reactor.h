@@ -1,12 +1,11 @@
 /*
- * reactor.h -- the reactor's record and its handler table.
+ * reactor.h -- the reactor's life and its handlers, by name and by descriptor.
  *
  * Everything belongs to one interpreter thread and is touched by it alone.
  */
 #ifndef PARVO_REACTOR_H
 #define PARVO_REACTOR_H
 
-#include <stddef.h>
 #include <tcl.h>
 
 struct PVReactor;
@@ -46,29 +45,30 @@ int pv_event_set(PVReactor* r, const char* name, short event, Tcl_Obj* script);
  * another thread, and none of these is announced.  Drops what has gone of the entry at
  * position, or of all; later entries may move down.
  */
-void pv_event_refresh(PVReactor* r, size_t position);
+void pv_event_refresh(PVReactor* r, int position);
 void pv_event_refresh_all(PVReactor* r);
 
 /*
  * A new object, without a reference, with the name of the entry at position: a
- * socket command's full name or a channel's name.  Not for registered descriptors.
+ * socket command's full name, or a channel's name.  Null for an entry that is not
+ * listed under a name: a bare descriptor, or a socket whose command is being deleted.
  */
-Tcl_Obj* pv_reactor_item_name(const PVReactor* r, size_t position);
+Tcl_Obj* pv_reactor_item_name(const PVReactor* r, int position);
 
 /*
  * Enters a descriptor to be polled for event; it has no scripts.  Returns its
  * position, the one it has when it is entered already, or -1 when it could not be
  * entered.  The descriptor stays the caller's.
  */
-int pv_event_register_fd(void* reactor, int fd, short event);
+int pv_event_register_fd(PVReactor* r, int fd, short event);
 
-/* Withdraws a descriptor; nothing happens when it is not entered. */
-void pv_event_unregister_fd(void* reactor, int fd, short event);
+/* Takes a descriptor out of the table; nothing happens when it is not entered. */
+void pv_event_unregister_fd(PVReactor* r, int fd, short event);
 
 /*
- * Withdraws a ZeroMQ socket with both its scripts; its record forgets the reactor.
- * Nothing happens when it has no entry or reactor is null.
+ * Takes a ZeroMQ socket out of the table with both its scripts; its record forgets the
+ * reactor.  Nothing happens when it has no entry or r is null.
  */
-void pv_reactor_unregister_socket(void* reactor, void* socket);
+void pv_reactor_unregister_socket(PVReactor* r, void* socket);
 
 #endif

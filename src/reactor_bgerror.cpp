@@ -18,14 +18,15 @@
 #include <string.h>
 #include <unistd.h>
 
-namespace {
-
 /* One per thread, in zero-filled thread data. */
 struct PVBgerror {
-    bool initialized;   // set up, and holds a prefix
-    Tcl_Interp* interp; // runs handler and presence check
-    Tcl_Obj* bgerror;   // command prefix, one reference
+    bool initialized;       // set up, and holds a prefix
+    Tcl_Interp* interp;     // runs handler and presence check
+    Tcl_Obj* bgerror;       // command prefix, one reference
+    unsigned long failures; // reports so far in the thread; survives set-ups
 };
+
+namespace {
 
 constexpr char defaultPrefix[] = "::qel::BgError";
 
@@ -55,28 +56,8 @@ static_assert(sizeof checkHead + sizeof checkTail - 2 == 51, "the fixed part");
 
 Tcl_ThreadDataKey dataKey;
 
-void pv_bgerror_interp_deleted(ClientData clientData, Tcl_Interp* interp);
-
-/* At thread exit, or when the store's interpreter is gone. */
-void pv_bgerror_destroy(ClientData clientData) {
-    auto* s = static_cast<PVBgerror*>(clientData);
-    if (s == nullptr || !s->initialized) {
-        return;
-    }
-    store_unwatch(s, s->interp, pv_bgerror_destroy, pv_bgerror_interp_deleted);
-    set_slot(s->bgerror, nullptr);
-    s->initialized = false;
-    s->interp = nullptr;
-    if (debugging()) {
-        log_output("pv_bgerror_destroy", "released bgerror data");
-    }
-}
-
-void pv_bgerror_interp_deleted(ClientData clientData, Tcl_Interp* interp) {
-    auto* s = static_cast<PVBgerror*>(clientData);
-    if (s->interp == interp) {
-        pv_bgerror_destroy(clientData);
-    }
+PVBgerror* thread_bgerror() {
+    return static_cast<PVBgerror*>(Tcl_GetThreadData(&dataKey, sizeof(PVBgerror)));
 }
 
 /* Defines the default handler and stores it as the prefix. */
@@ -107,12 +88,7 @@ PVBgerror* pv_bgerror_init(PVBgerror* s, Tcl_Interp* interp) {
     }
     s->interp = interp;
     s->initialized = true;
-    store_watch(s, interp, pv_bgerror_destroy, pv_bgerror_interp_deleted);
     return s;
-}
-
-PVBgerror* thread_bgerror(Tcl_Interp* interp) {
-    return static_cast<PVBgerror*>(pv_bgerror(interp));
 }
 
 /* Stores a prefix, or a duplicate of one that somebody else holds too. */
@@ -161,7 +137,7 @@ int pv_bgerror_get(PVBgerror* s) {
  * behind it is never taken for a command.
  */
 Tcl_Obj* handler_call(Tcl_Obj* prefix) {
-    int words = 0;
+    Tcl_Size words = 0;
     Tcl_Obj* call = Tcl_NewListObj(0, nullptr);
     if (Tcl_ListObjAppendList(nullptr, call, prefix) != TCL_OK ||
         Tcl_ListObjLength(nullptr, call, &words) != TCL_OK || words == 0) {
@@ -174,9 +150,32 @@ int handler_evaluate(Tcl_Interp* interp, Tcl_Obj* call) {
     return Tcl_EvalObjEx(interp, call, TCL_EVAL_GLOBAL | TCL_EVAL_DIRECT);
 }
 
+/*
+ * Evaluates nothing, which fails when a limit of interp is exceeded or its evaluation
+ * is cancelled.  Tcl looks at a limit only now and then, counted in evaluations: the
+ * granularity of 1 makes it look now.
+ */
+int evaluate_nothing(Tcl_Interp* interp) {
+    constexpr int types[] = {TCL_LIMIT_COMMANDS, TCL_LIMIT_TIME};
+    const ObjRef empty(Tcl_NewObj());
+    for (const int type : types) {
+        if (Tcl_LimitTypeEnabled(interp, type) == 0) {
+            continue;
+        }
+        const int granularity = Tcl_LimitGetGranularity(interp, type);
+        Tcl_LimitSetGranularity(interp, type, 1);
+        const int code = Tcl_LimitCheck(interp);
+        Tcl_LimitSetGranularity(interp, type, granularity);
+        if (code != TCL_OK) {
+            return code;
+        }
+    }
+    return Tcl_EvalObjEx(interp, empty.get(), TCL_EVAL_GLOBAL);
+}
+
 /* The handler itself failed; its message is interp's result. */
 void handler_failed(Tcl_Interp* interp, Tcl_Obj* message, Tcl_Obj* options) {
-    char now[128];
+    char now[timestampMax];
     timestamp(now, sizeof now);
     fprintf(stderr,
             "%s:-:[%d]:-:error:bgerror:-: error <%s> occurred while reporting on\n"
@@ -186,7 +185,7 @@ void handler_failed(Tcl_Interp* interp, Tcl_Obj* message, Tcl_Obj* options) {
 }
 
 void pv_bgerror_msg_report(const char* message) {
-    char now[128];
+    char now[timestampMax];
     timestamp(now, sizeof now);
     fprintf(stderr, "%s:-:error:[%d]:-:bgerror: %s", now, getpid(), message);
 }
@@ -198,10 +197,11 @@ void no_record(int code) {
 
 /* Gives the message to the handler; false when there is none or it fails. */
 bool handler_takes(const char* message, int length) {
-    const PVBgerror* s = thread_bgerror(nullptr);
+    PVBgerror* s = pv_bgerror(nullptr);
     if (s == nullptr) {
         return false;
     }
+    s->failures++;
     const InterpHold interp(s->interp);
     const ObjRef call(handler_call(s->bgerror));
     Tcl_ListObjAppendElement(nullptr, call.get(), Tcl_NewStringObj(message, length));
@@ -212,8 +212,8 @@ bool handler_takes(const char* message, int length) {
 
 } // namespace
 
-void* pv_bgerror(Tcl_Interp* interp) {
-    auto* s = static_cast<PVBgerror*>(Tcl_GetThreadData(&dataKey, sizeof(PVBgerror)));
+PVBgerror* pv_bgerror(Tcl_Interp* interp) {
+    PVBgerror* s = thread_bgerror();
     if (s == nullptr) {
         if (interp != nullptr) {
             fail(interp, "failed to get bgerror thread data", "QEL", "REACTOR",
@@ -224,21 +224,61 @@ void* pv_bgerror(Tcl_Interp* interp) {
     if (s->initialized && Tcl_InterpDeleted(s->interp) == 0) {
         return s;
     }
-    if (interp == nullptr) {
-        return nullptr;
+    return interp != nullptr ? pv_bgerror_init(s, interp) : nullptr;
+}
+
+void pv_bgerror_destroy() {
+    PVBgerror* s = thread_bgerror();
+    if (!s->initialized) {
+        return;
     }
-    pv_bgerror_destroy(s);
-    return pv_bgerror_init(s, interp);
+    set_slot(s->bgerror, nullptr);
+    s->initialized = false;
+    s->interp = nullptr;
+    DEBUG_LINE("pv_bgerror_destroy", "released bgerror data");
+}
+
+unsigned long pv_bgerror_failures(const PVBgerror* s) {
+    return s->failures;
+}
+
+bool pv_interp_evaluates(Tcl_Interp* interp) {
+    const int code = evaluate_nothing(interp);
+    if (code == TCL_OK) {
+        return true;
+    }
+    // A cancellation that unwinds fails every evaluation, a plain one fails one.
+    Tcl_InterpState cancelled = Tcl_SaveInterpState(interp, code);
+    if (evaluate_nothing(interp) != TCL_OK) {
+        Tcl_DiscardInterpState(cancelled);
+        return false;
+    }
+    Tcl_RestoreInterpState(interp, cancelled);
+    if (interp != thread_bgerror()->interp) {
+        return false; // its only script here is the call of start
+    }
+    pv_bgerror_code(code);
+    return true;
+}
+
+void pv_interp_pass_error(Tcl_Interp* to, Tcl_Interp* from) {
+    Tcl_Obj* code = nullptr;
+    if (to == from || Tcl_InterpDeleted(to) != 0) {
+        return;
+    }
+    const ObjRef message(Tcl_GetObjResult(from));
+    const ObjRef key(Tcl_NewStringObj("-errorcode", -1));
+    const ObjRef options(Tcl_GetReturnOptions(from, TCL_ERROR));
+    Tcl_DictObjGet(nullptr, options.get(), key.get(), &code);
+    if (code != nullptr) {
+        Tcl_SetObjErrorCode(to, code);
+    }
+    Tcl_SetObjResult(to, message.get());
 }
 
 /* ::qel::reactor bgerror ?cmdPrefix? */
-int pv_cmd_bgerror(ClientData /*unused*/, Tcl_Interp* interp, int objc,
-                   Tcl_Obj* const objv[]) {
-    if (objc != 2 && objc != 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "?cmdPrefix?");
-        return TCL_ERROR;
-    }
-    PVBgerror* s = thread_bgerror(interp);
+int pv_cmd_bgerror(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    PVBgerror* s = pv_bgerror(interp);
     if (s == nullptr) {
         return TCL_ERROR;
     }
@@ -261,12 +301,19 @@ void pv_bgerror_eval(Tcl_Interp* interp, Tcl_Obj* script, int flags) {
 }
 
 void pv_bgerror_code(int code) {
-    const PVBgerror* s = thread_bgerror(nullptr);
+    PVBgerror* s = pv_bgerror(nullptr);
     if (s == nullptr) {
         no_record(code);
         return;
     }
+    s->failures++;
     const InterpHold interp(s->interp);
+    Tcl_InterpState failure = Tcl_SaveInterpState(interp.get(), code);
+    if (!pv_interp_evaluates(interp.get())) {
+        Tcl_DiscardInterpState(failure);
+        return;
+    }
+    Tcl_RestoreInterpState(interp.get(), failure);
     const ObjRef message(Tcl_GetObjResult(interp.get()));
     const ObjRef options(Tcl_GetReturnOptions(interp.get(), code));
     const ObjRef call(handler_call(s->bgerror));

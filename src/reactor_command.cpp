@@ -7,6 +7,7 @@
  */
 #include "reactor_command.h"
 
+#include "command.h"
 #include "reactor.h"
 #include "reactor_bgerror.h"
 #include "reactor_loop.h"
@@ -27,6 +28,7 @@ constexpr EventType event_types[] = {
     {"writable", ZMQ_POLLOUT},
     {nullptr, 0},
 };
+static_assert(table_ends(event_types));
 
 /* ::qel::reactor timeout ?timeout? */
 int reactor_timeout(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
@@ -36,7 +38,7 @@ int reactor_timeout(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const o
 /* ::qel::reactor bgerror ?cmdPrefix? */
 int reactor_bgerror(PVReactor* /*r*/, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]) {
-    return pv_cmd_bgerror(nullptr, interp, objc, objv);
+    return pv_cmd_bgerror(interp, objc, objv);
 }
 
 /* ::qel::reactor signal action ?arg ...? */
@@ -51,19 +53,13 @@ int reactor_after(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const obj
 
 /* ::qel::reactor event name type ?script? */
 int pv_cmd_event(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    int index;
-    if (objc != 4 && objc != 5) {
-        Tcl_WrongNumArgs(interp, 2, objv, "(zsock|chan) event ?script?");
-        return TCL_ERROR;
-    }
-    if (Tcl_GetIndexFromObjStruct(interp, objv[3], event_types, sizeof(EventType),
-                                  "event type", 0, &index) != TCL_OK) {
+    const auto* type = command_row(interp, event_types, objv[3], "event type");
+    if (type == nullptr) {
         return TCL_ERROR;
     }
     const char* name = Tcl_GetString(objv[2]);
-    const short event = event_types[index].event;
-    return objc == 4 ? pv_event_get(r, name, event)
-                     : pv_event_set(r, name, event, objv[4]);
+    return objc == 4 ? pv_event_get(r, name, type->event)
+                     : pv_event_set(r, name, type->event, objv[4]);
 }
 
 /* The two scripts of an entry. */
@@ -76,91 +72,81 @@ Tcl_Obj* entry_scripts(const PVPollInfo* info) {
     return scripts;
 }
 
-/* ::qel::reactor events */
-int pv_cmd_events(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
+/* Puts the entry at a position into a listing. */
+void list_entry(PVReactor* r, int i, Tcl_Obj* events) {
+    const PVPollInfo* info = &r->poll.infos[i];
+    const bool signals = pv_signal_fd(r->signal, r->poll.items[i].fd);
+    // A channel with two descriptors names its key twice, and the dictionary keeps the
+    // first key object: the second needs a holder.
+    const ObjRef key(signals ? Tcl_NewStringObj("signals", -1)
+                             : pv_reactor_item_name(r, i));
+    if (key.get() != nullptr) {
+        Tcl_DictObjPut(nullptr, events, key.get(),
+                       signals ? pv_signal_handlers(r->signal) : entry_scripts(info));
     }
+}
+
+/* ::qel::reactor events */
+int pv_cmd_events(PVReactor* r, Tcl_Interp* interp, int /*objc*/,
+                  Tcl_Obj* const /*objv*/[]) {
     pv_event_refresh_all(r);
     Tcl_Obj* events = Tcl_NewDictObj();
-    for (size_t i = 0; i < r->poll.nitems; i++) {
-        const bool signals = pv_signal_fd(r->signal, r->poll.items[i].fd);
-        // A channel with two descriptors names its key twice, and the dictionary
-        // keeps the first key object: the second needs a holder.
-        const ObjRef key(signals ? Tcl_NewStringObj("signals", -1)
-                                 : pv_reactor_item_name(r, i));
-        Tcl_DictObjPut(nullptr, events, key.get(),
-                       signals ? pv_signal_handlers(r->signal)
-                               : entry_scripts(&r->poll.infos[i]));
+    for (int i = 0; i < r->poll.nitems; i++) {
+        list_entry(r, i, events);
     }
     Tcl_SetObjResult(interp, events);
     return TCL_OK;
 }
 
 /* ::qel::reactor start */
-int pv_cmd_start(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
-    }
+int pv_cmd_start(PVReactor* r, Tcl_Interp* interp, int /*objc*/,
+                 Tcl_Obj* const /*objv*/[]) {
     if (r->running) {
         return fail(interp, "reactor is already running", "ZMQ", "REACTOR", "RUNNING");
     }
     pv_reactor_running(r, true);
-    pv_reactor_loop(r);
-    return TCL_OK;
+    return pv_reactor_loop(r, interp);
 }
 
 /* ::qel::reactor stop */
-int pv_cmd_stop(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
-    }
+int pv_cmd_stop(PVReactor* r, Tcl_Interp* /*interp*/, int /*objc*/,
+                Tcl_Obj* const /*objv*/[]) {
     pv_reactor_running(r, false);
     return TCL_OK;
 }
 
-struct Subcommand {
-    const char* word;
-    int (*proc)(PVReactor* r, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+struct ReactorRow : CommandRow<PVReactor> {
     bool reportsToOwner; // leaves results in the reactor's interpreter
 };
 
-constexpr Subcommand subcommands[] = {
-    {"timeout", reactor_timeout, false}, {"bgerror", reactor_bgerror, true},
-    {"event", pv_cmd_event, true},       {"events", pv_cmd_events, false},
-    {"signal", reactor_signal, true},    {"after", reactor_after, true},
-    {"start", pv_cmd_start, false},      {"stop", pv_cmd_stop, false},
-    {nullptr, nullptr, false},
+constexpr ReactorRow subcommands[] = {
+    {{"timeout", 2, 3, "?timeout?", reactor_timeout}, false},
+    {{"bgerror", 2, 3, "?cmdPrefix?", reactor_bgerror}, true},
+    {{"event", 4, 5, "(zsock|chan) event ?script?", pv_cmd_event}, true},
+    {{"events", 2, 2, nullptr, pv_cmd_events}, false},
+    {{"signal", 3, anyNumber, "action signal ?command?", reactor_signal}, true},
+    {{"after", 3, anyNumber, "option ?arg ...?", reactor_after}, true},
+    {{"start", 2, 2, nullptr, pv_cmd_start}, false},
+    {{"stop", 2, 2, nullptr, pv_cmd_stop}, false},
+    {{nullptr, 0, 0, nullptr, nullptr}, false},
 };
-
-/* The code of an error alone: its trace tells what the owner did before. */
-void copy_error_code(Tcl_Interp* to, Tcl_Interp* from) {
-    Tcl_Obj* word = nullptr;
-    const ObjRef key(Tcl_NewStringObj("-errorcode", -1));
-    const ObjRef options(Tcl_GetReturnOptions(from, TCL_ERROR));
-    Tcl_DictObjGet(nullptr, options.get(), key.get(), &word);
-    if (word != nullptr) {
-        Tcl_SetObjErrorCode(to, word);
-    }
-}
+static_assert(table_ends(subcommands));
 
 /* Runs a subcommand for an interpreter other than the reactor's own. */
-int run_for_guest(const Subcommand* subcommand, PVReactor* r, Tcl_Interp* guest,
-                  int objc, Tcl_Obj* const objv[]) {
+int run_for_guest(const ReactorRow* row, PVReactor* r, Tcl_Interp* guest, int objc,
+                  Tcl_Obj* const objv[]) {
     const InterpHold owner(r->interp);
     Tcl_ResetResult(owner.get());
-    const int code = subcommand->proc(r, guest, objc, objv);
+    const int code = command_run<PVReactor>(row, 2, r, guest, objc, objv);
     const ObjRef result(Tcl_GetObjResult(owner.get()));
     if (*Tcl_GetString(result.get()) == '\0') {
         return code;
     }
     if (code == TCL_ERROR) {
-        copy_error_code(guest, owner.get());
+        pv_interp_pass_error(guest, owner.get());
+    } else {
+        Tcl_SetObjResult(guest, result.get());
     }
-    Tcl_SetObjResult(guest, result.get());
     return code;
 }
 
@@ -169,21 +155,15 @@ int run_for_guest(const Subcommand* subcommand, PVReactor* r, Tcl_Interp* guest,
 /* ::qel::reactor subcommand ?arg ...? */
 int ParvoReactorCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]) {
-    int index;
     if (objc < 2) {
-        Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?");
-        return TCL_ERROR;
+        return wrong_count(interp, 1, objv, "subcommand ?arg ...?");
     }
-    if (Tcl_GetIndexFromObjStruct(interp, objv[1], subcommands, sizeof(Subcommand),
-                                  "subcommand", 0, &index) != TCL_OK) {
-        return TCL_ERROR;
-    }
-    PVReactor* r = pv_reactor(interp);
+    const ReactorRow* row = command_row(interp, subcommands, objv[1], "subcommand");
+    PVReactor* r = row != nullptr ? pv_reactor(interp) : nullptr;
     if (r == nullptr) {
         return TCL_ERROR;
     }
-    const Subcommand* subcommand = &subcommands[index];
-    return subcommand->reportsToOwner && r->interp != interp
-               ? run_for_guest(subcommand, r, interp, objc, objv)
-               : subcommand->proc(r, interp, objc, objv);
+    return row->reportsToOwner && r->interp != interp
+               ? run_for_guest(row, r, interp, objc, objv)
+               : command_run<PVReactor>(row, 2, r, interp, objc, objv);
 }

@@ -4,6 +4,8 @@
 #ifndef PARVO_REACTOR_LOOP_H
 #define PARVO_REACTOR_LOOP_H
 
+#include <tcl.h>
+
 struct PVReactor;
 
 /*
@@ -15,8 +17,11 @@ void pv_reactor_running(PVReactor* r, bool running);
 /*
  * Waits for and dispatches events, signals and timers until the running state, which
  * the caller has set, is cleared or the reactor's interpreter is deleted.  Reports
- * failures of scripts and of its own, and never ends because of them.
+ * failures of scripts and of its own, and never ends because of them: TCL_OK.
+ * TCL_ERROR: the reactor's interpreter, or the one that called start, may no longer
+ * evaluate scripts (interp cancel -unwind, interp limit); the running state is cleared
+ * and that very error left in caller.
  */
-void pv_reactor_loop(PVReactor* r);
+int pv_reactor_loop(PVReactor* r, Tcl_Interp* caller);
 
 #endif

@@ -1,5 +1,5 @@
 /*
- * reactor_signal_catalogue.cpp -- names and numbers of signals, and sets of them.
+ * reactor_signal_catalogue.cpp -- names and numbers of signals.
  *
  * A number's first row gives its name in every output; further rows of the number are
  * accepted as input only.  Adding a signal is one row.
@@ -56,29 +56,8 @@ constexpr SignalRow pv_signals[] = {
     {"SIGUNUSED", 31, "unused"},
     {nullptr, signalMax + 1, nullptr},
 };
-static_assert(sizeof pv_signals / sizeof pv_signals[0] == 36,
-              "35 names and the terminating row");
 
 constexpr size_t prefixLength = 3; // of "SIG"
-
-/* Names of a set's members, ascending, as interp's result. */
-int pv_signal_state_report(Tcl_Interp* interp, const sigset_t* set) {
-    const ObjRef names(Tcl_NewListObj(0, nullptr));
-    for (int sig = 1; sig <= signalMax; sig++) {
-        const int member = sigismember(set, sig);
-        if (member == -1) {
-            return fail(interp, "failed to build result list", "QEL", "SIGNAL", "STATE",
-                        "GET");
-        }
-        if (member == 1 && Tcl_ListObjAppendElement(
-                               interp, names.get(),
-                               Tcl_NewStringObj(signal_name(sig), -1)) != TCL_OK) {
-            return TCL_ERROR;
-        }
-    }
-    Tcl_SetObjResult(interp, names.get());
-    return TCL_OK;
-}
 
 } // namespace
 
@@ -124,7 +103,7 @@ int signal_parse(Tcl_Interp* interp, Tcl_Obj* signal) {
 }
 
 int signal_parse_list(Tcl_Interp* interp, Tcl_Obj* list, sigset_t* signals) {
-    int count;
+    Tcl_Size count;
     Tcl_Obj** elements;
     if (list == nullptr) {
         return sigfillset(signals) == 0 ? TCL_OK
@@ -134,7 +113,7 @@ int signal_parse_list(Tcl_Interp* interp, Tcl_Obj* list, sigset_t* signals) {
     if (Tcl_ListObjGetElements(interp, list, &count, &elements) != TCL_OK) {
         return TCL_ERROR;
     }
-    for (int i = 0; i < count; i++) {
+    for (Tcl_Size i = 0; i < count; i++) {
         const int sig = signal_parse(interp, elements[i]);
         if (sig == -1) {
             return TCL_ERROR;
@@ -147,23 +126,4 @@ int signal_parse_list(Tcl_Interp* interp, Tcl_Obj* list, sigset_t* signals) {
         }
     }
     return TCL_OK;
-}
-
-int pv_signal_state_get(Tcl_Interp* interp, PVSigHandler action) {
-    sigset_t set;
-    struct sigaction current;
-    if (sigemptyset(&set) == -1) {
-        return fail(interp, "failed to empty sigset", "QEL", "SIGNAL", "STATE", "GET");
-    }
-    for (int sig = 1; sig <= signalMax; sig++) {
-        if (sigaction(sig, nullptr, &current) == -1) {
-            return fail(interp, Tcl_ObjPrintf("failed to query signal %d", sig), "QEL",
-                        "SIGNAL", "STATE", "GET");
-        }
-        if (current.sa_handler == action && sigaddset(&set, sig) == -1) {
-            return fail(interp, Tcl_ObjPrintf("failed to add signal %d", sig), "QEL",
-                        "SIGNAL", "STATE", "GET");
-        }
-    }
-    return pv_signal_state_report(interp, &set);
 }

@@ -1,13 +1,13 @@
 /*
- * reactor_signal_catalogue.h -- names and numbers of signals, and sets of them.
+ * reactor_signal_catalogue.h -- names and numbers of signals.
  */
 #ifndef PARVO_REACTOR_SIGNAL_CATALOGUE_H
 #define PARVO_REACTOR_SIGNAL_CATALOGUE_H
 
-#include "reactor_signal_record.h"
-
 #include <signal.h>
 #include <tcl.h>
+
+constexpr int signalMax = 31; // highest classic signal
 
 /* The name of a signal, such as "SIGINT", or "invalid signal"; static text. */
 const char* signal_name(int sig);
@@ -27,12 +27,5 @@ int signal_parse(Tcl_Interp* interp, Tcl_Obj* signal);
  * added before the failure stays.
  */
 int signal_parse_list(Tcl_Interp* interp, Tcl_Obj* list, sigset_t* signals);
-
-/*
- * Sets interp's result to the names of the signals whose disposition is action,
- * ascending.  Returns TCL_ERROR with an error ("QEL" "SIGNAL" "STATE" "GET") after a
- * failure.
- */
-int pv_signal_state_get(Tcl_Interp* interp, PVSigHandler action);
 
 #endif

@@ -1,14 +1,14 @@
 /*
  * reactor_timer.cpp -- timers.
  *
- * The tasks stand in one list, sorted by due time; equal times keep the order of
- * creation.  A task leaves the list before its script runs, so that the script may
- * cancel, schedule or release anything.  The epoch keeps a task that was scheduled
- * during a pass out of that pass: a task that reschedules itself with no delay cannot
- * starve the poll.
+ * The tasks stand in a skip list by due time; equal times keep the order of creation. A
+ * task leaves the list before its script runs, so that the script may cancel, schedule
+ * or release anything.  The epoch keeps a task that was scheduled during a pass out of
+ * that pass: a task that reschedules itself with no delay cannot starve the poll.
  */
 #include "reactor_timer.h"
 
+#include "command.h"
 #include "debugging.h"
 #include "reactor_bgerror.h"
 #include "reactor_timer_clock.h"
@@ -16,7 +16,7 @@
 
 #include <ctype.h>
 #include <errno.h>
-#include <new>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -24,21 +24,33 @@
 namespace {
 
 constexpr long defaultTimeout = 5000; // milliseconds
+constexpr long nearlyDue = 1000;      // microseconds: the shortest wait of a poll
 constexpr char idPrefix[] = "after#";
 constexpr size_t idPrefixLength = sizeof idPrefix - 1;
+constexpr size_t idMax = 32; // bytes of an id with a 64-bit number
+constexpr int levelsMax =
+    12; // of the list: with four times the tasks one more is of use
+
+} // namespace
 
 struct ScheduledTask {
-    unsigned long id = 0;          // number of its public id
-    unsigned long epoch = 0;       // schedule's epoch when it was created
-    Tcl_Time time = {0, 0};        // due
-    Tcl_Obj* proc = nullptr;       // script, one reference
-    ScheduledTask* next = nullptr; // next in due order
+    unsigned long id;       // number of its public id; never used again
+    unsigned long epoch;    // schedule's epoch when it was created
+    Tcl_Time time;          // due
+    Tcl_Obj* proc;          // script, one reference
+    Tcl_HashEntry* entry;   // in the index by id
+    int levels;             // of the list that it stands in, 1 or more
+    ScheduledTask* next[1]; // by level: the next in due order, or null; levels of them
 };
 
+/*
+ * The tasks in due order: a list with shortcuts.  Level 0 links all of them, each
+ * further level about a quarter of those of the one below.
+ */
 struct PVSchedule {
-    unsigned long epoch;  // passes over a non-empty list so far
-    ScheduledTask* first; // due first, null when none is scheduled
-    ScheduledTask* last;  // due last, meaningful while there is a first
+    unsigned long epoch;             // passes over a list that was not empty
+    ScheduledTask* first[levelsMax]; // by level, null when the level is empty
+    Tcl_HashTable ids;               // id -> task
 };
 
 /* One per thread, in zero-filled thread data. */
@@ -51,48 +63,88 @@ struct PVTimer {
     PVSchedule schedule;
 };
 
+namespace {
+
 Tcl_ThreadDataKey dataKey;
+
+PVTimer* thread_timer() {
+    return static_cast<PVTimer*>(Tcl_GetThreadData(&dataKey, sizeof(PVTimer)));
+}
 
 // The list.
 
-void pv_task_destroy(ScheduledTask* task) {
-    set_slot(task->proc, nullptr);
-    Tcl_Free(reinterpret_cast<char*>(task));
+/* Spread by a multiplication, so that no order of scheduling makes the levels uneven.
+ */
+int levels_of(unsigned long id) {
+    constexpr uint64_t spread =
+        0x9E3779B97F4A7C15; // 2 to the 64, over the golden ratio
+    const int zeros = __builtin_clzll((id + 1) * spread | 1);
+    return zeros / 2 < levelsMax ? zeros / 2 + 1 : levelsMax;
+}
+
+bool task_before(const ScheduledTask* task, const Tcl_Time& time, unsigned long id) {
+    return pv_clock_earlier(task->time, time) ||
+           (task->id < id && !pv_clock_earlier(time, task->time));
 }
 
 /*
- * Puts a task behind the last one that is not due later.  Rising due times take
- * constant time, others a walk.
+ * By level, the link that a task with this time and id stands behind, or would stand.
+ * O(log n).
  */
-void pv_schedule_insert(PVSchedule* schedule, ScheduledTask* task) {
-    if (schedule->first == nullptr) {
-        schedule->first = schedule->last = task;
-        return;
+void find_links(PVSchedule* schedule, const Tcl_Time& time, unsigned long id,
+                ScheduledTask** links[]) {
+    ScheduledTask** row = schedule->first;
+    for (int level = levelsMax - 1; level >= 0; level--) {
+        while (row[level] != nullptr && task_before(row[level], time, id)) {
+            row = row[level]->next;
+        }
+        links[level] = &row[level];
     }
-    if (!pv_clock_earlier(task->time, schedule->last->time)) {
-        schedule->last->next = task;
-        schedule->last = task;
-        return;
-    }
-    ScheduledTask** link = &schedule->first;
-    while (!pv_clock_earlier(task->time, (*link)->time)) {
-        link = &(*link)->next;
-    }
-    task->next = *link;
-    *link = task;
 }
 
-/* Takes the task that follows previous (null: the first one) off the list. */
-ScheduledTask* schedule_remove(PVSchedule* schedule, ScheduledTask* previous) {
-    ScheduledTask** link = previous != nullptr ? &previous->next : &schedule->first;
-    ScheduledTask* task = *link;
-    *link = task->next;
-    if (task == schedule->last) {
-        schedule->last = previous;
+const char* key_of(unsigned long id) {
+    // A key of one word is the word itself.
+    return reinterpret_cast<const char*>(id); // NOLINT(performance-no-int-to-ptr)
+}
+
+/* Adds a task with a reference on its script. */
+ScheduledTask* pv_schedule_insert(PVSchedule* schedule, unsigned long id,
+                                  const Tcl_Time& time, Tcl_Obj* proc) {
+    int fresh;
+    ScheduledTask** links[levelsMax];
+    const int levels = levels_of(id);
+    const auto further = static_cast<size_t>(levels - 1);
+    auto* task = static_cast<ScheduledTask*>(
+        allocate(sizeof(ScheduledTask) + further * sizeof(void*)));
+    *task = {id, schedule->epoch, time, nullptr, nullptr, levels, {}};
+    set_slot(task->proc, proc);
+    task->entry = Tcl_CreateHashEntry(&schedule->ids, key_of(id), &fresh);
+    Tcl_SetHashValue(task->entry, task);
+    find_links(schedule, time, id, links);
+    for (int level = 0; level < levels; level++) {
+        task->next[level] = *links[level];
+        *links[level] = task;
     }
-    task->next = nullptr;
     return task;
 }
+
+/* Removes a task and frees it. */
+void pv_task_destroy(PVSchedule* schedule, ScheduledTask* task) {
+    ScheduledTask** links[levelsMax];
+    const bool first = task == schedule->first[0]; // on every level that it is on
+    if (!first) {
+        find_links(schedule, task->time, task->id, links);
+    }
+    for (int level = 0; level < task->levels; level++) {
+        ScheduledTask** link = first ? &schedule->first[level] : links[level];
+        *link = task->next[level];
+    }
+    Tcl_DeleteHashEntry(task->entry);
+    set_slot(task->proc, nullptr);
+    release(task);
+}
+
+// Tasks by name.
 
 /* Reads "after#" and a decimal number that ends the text. */
 bool after_id(const char* text, unsigned long* id) {
@@ -108,45 +160,33 @@ bool after_id(const char* text, unsigned long* id) {
     return *end == '\0' && errno == 0;
 }
 
-/* A task and the one before it in the list. */
-struct Found {
-    ScheduledTask* task;     // null when there is none
-    ScheduledTask* previous; // null when the task is the first
-};
-
-template <typename Matches> Found task_find(const PVTimer* s, Matches matches) {
-    ScheduledTask* previous = nullptr;
-    ScheduledTask* task = s->schedule.first;
-    while (task != nullptr && !matches(task)) {
-        previous = task;
-        task = task->next;
-    }
-    return {task, previous};
-}
-
-Found pv_task_find_by_id(const PVTimer* s, Tcl_Obj* word) {
+ScheduledTask* pv_task_find_by_id(PVTimer* s, Tcl_Obj* word) {
     unsigned long id;
-    int length;
-    const char* text = Tcl_GetStringFromObj(word, &length);
-    if (!after_id(text, &id)) {
-        return {nullptr, nullptr};
-    }
-    return task_find(s, [id](const ScheduledTask* task) { return task->id == id; });
+    Tcl_HashEntry* entry = after_id(Tcl_GetString(word), &id)
+                               ? Tcl_FindHashEntry(&s->schedule.ids, key_of(id))
+                               : nullptr;
+    return entry != nullptr ? static_cast<ScheduledTask*>(Tcl_GetHashValue(entry))
+                            : nullptr;
 }
 
-Found pv_task_find_by_code(const PVTimer* s, Tcl_Obj* script) {
-    int length;
+/* The first task with exactly this script.  O(n): scripts have no index. */
+ScheduledTask* pv_task_find_by_code(const PVTimer* s, Tcl_Obj* script) {
+    Tcl_Size length;
     const char* text = Tcl_GetStringFromObj(script, &length);
-    return task_find(s, [text, length](const ScheduledTask* task) {
-        int size;
+    for (ScheduledTask* task = s->schedule.first[0]; task != nullptr;
+         task = task->next[0]) {
+        Tcl_Size size;
         const char* code = Tcl_GetStringFromObj(task->proc, &size);
-        return size == length && memcmp(code, text, static_cast<size_t>(size)) == 0;
-    });
+        if (size == length && memcmp(code, text, static_cast<size_t>(size)) == 0) {
+            return task;
+        }
+    }
+    return nullptr;
 }
 
 /* Made by snprintf: Tcl's own formatting costs several times the scheduling. */
 Tcl_Obj* task_id(const ScheduledTask* task) {
-    char text[32];
+    char text[idMax];
     const int length =
         snprintf(text, sizeof text, "%s%ld", idPrefix, static_cast<long>(task->id));
     return Tcl_NewStringObj(text, length);
@@ -163,50 +203,39 @@ Tcl_Obj* script_words(int objc, Tcl_Obj* const objv[]) {
 int pv_after_ms(PVTimer* s, Tcl_Interp* interp, long ms, int objc,
                 Tcl_Obj* const objv[]) {
     Tcl_Time now;
-    if (objc == 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "ms script ?script ...?");
-        return TCL_ERROR;
-    }
-    auto* task = new (Tcl_Alloc(sizeof(ScheduledTask))) ScheduledTask;
-    task->id = s->nextId++;
-    task->epoch = s->schedule.epoch;
     Tcl_GetTime(&now);
-    task->time = pv_clock_after(now, ms);
-    set_slot(task->proc, script_words(objc, objv));
-    pv_schedule_insert(&s->schedule, task);
+    const ScheduledTask* task = pv_schedule_insert(
+        &s->schedule, s->nextId++, pv_clock_after(now, ms), script_words(objc, objv));
     Tcl_SetObjResult(interp, task_id(task));
     return TCL_OK;
 }
 
 /* ::qel::reactor after cancel id|command */
-int pv_after_cancel(PVTimer* s, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc == 3) {
-        Tcl_WrongNumArgs(interp, 3, objv, "id|command");
-        return TCL_ERROR;
-    }
+int pv_after_cancel(PVTimer* s, Tcl_Interp* /*interp*/, int objc,
+                    Tcl_Obj* const objv[]) {
     const ObjRef word(script_words(objc, objv));
-    Found found = pv_task_find_by_id(s, word.get());
-    if (found.task == nullptr) {
-        found = pv_task_find_by_code(s, word.get());
+    ScheduledTask* task = pv_task_find_by_id(s, word.get());
+    if (task == nullptr) {
+        task = pv_task_find_by_code(s, word.get());
     }
-    if (found.task != nullptr) {
-        pv_task_destroy(schedule_remove(&s->schedule, found.previous));
+    if (task != nullptr) {
+        pv_task_destroy(&s->schedule, task);
     }
     return TCL_OK;
 }
 
 int pv_after_info_all(const PVTimer* s) {
     Tcl_Obj* ids = Tcl_NewListObj(0, nullptr);
-    for (const ScheduledTask* task = s->schedule.first; task != nullptr;
-         task = task->next) {
+    for (const ScheduledTask* task = s->schedule.first[0]; task != nullptr;
+         task = task->next[0]) {
         Tcl_ListObjAppendElement(nullptr, ids, task_id(task));
     }
     Tcl_SetObjResult(s->interp, ids);
     return TCL_OK;
 }
 
-int pv_after_info_task(const PVTimer* s, Tcl_Obj* id) {
-    const ScheduledTask* task = pv_task_find_by_id(s, id).task;
+int pv_after_info_task(PVTimer* s, Tcl_Obj* id) {
+    const ScheduledTask* task = pv_task_find_by_id(s, id);
     if (task == nullptr) {
         const char* text = Tcl_GetString(id);
         return fail(s->interp, Tcl_ObjPrintf("event \"%s\" doesn't exist", text), "QEL",
@@ -219,66 +248,24 @@ int pv_after_info_task(const PVTimer* s, Tcl_Obj* id) {
 }
 
 /* ::qel::reactor after info ?id? */
-int pv_after_info(PVTimer* s, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc > 4) {
-        Tcl_WrongNumArgs(interp, 3, objv, "?id?");
-        return TCL_ERROR;
-    }
+int pv_after_info(PVTimer* s, Tcl_Interp* /*interp*/, int objc, Tcl_Obj* const objv[]) {
     return objc == 3 ? pv_after_info_all(s) : pv_after_info_task(s, objv[3]);
 }
 
-struct AfterOption {
-    const char* word;
-    int (*proc)(PVTimer* s, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+constexpr CommandRow<PVTimer> after_options[] = {
+    {"cancel", 4, anyNumber, "id|command", pv_after_cancel},
+    {"info", 3, 4, "?id?", pv_after_info},
+    {nullptr, 0, 0, nullptr, nullptr},
 };
-
-constexpr AfterOption after_options[] = {
-    {"cancel", pv_after_cancel},
-    {"info", pv_after_info},
-    {nullptr, nullptr},
-};
+static_assert(table_ends(after_options));
 
 // The store's life.
-
-void pv_timer_interp_deleted(ClientData clientData, Tcl_Interp* interp);
-
-/*
- * Ids go on counting: one that a script still holds must not come to name another task
- * because the store was set up anew.
- */
-void timer_clear(PVTimer* s) {
-    const unsigned long nextId = s->nextId;
-    *s = PVTimer();
-    s->nextId = nextId;
-}
-
-/* At thread exit, or when the store's interpreter is gone. */
-void pv_timer_destroy(ClientData clientData) {
-    auto* s = static_cast<PVTimer*>(clientData);
-    if (s == nullptr || !s->initialized) {
-        return;
-    }
-    store_unwatch(s, s->interp, pv_timer_destroy, pv_timer_interp_deleted);
-    while (s->schedule.first != nullptr) {
-        pv_task_destroy(schedule_remove(&s->schedule, nullptr));
-    }
-    timer_clear(s);
-    if (debugging()) {
-        log_output("pv_timer_destroy", "released timer data");
-    }
-}
-
-void pv_timer_interp_deleted(ClientData clientData, Tcl_Interp* interp) {
-    if (static_cast<PVTimer*>(clientData)->interp == interp) {
-        pv_timer_destroy(clientData);
-    }
-}
 
 void pv_timer_init(PVTimer* s, Tcl_Interp* interp) {
     s->initialized = true;
     s->interp = interp;
     s->timeout = defaultTimeout;
-    store_watch(s, interp, pv_timer_destroy, pv_timer_interp_deleted);
+    Tcl_InitHashTable(&s->schedule.ids, TCL_ONE_WORD_KEYS);
 }
 
 /* Tells whether tasks may run: the reactor runs, in an interpreter that still does. */
@@ -286,24 +273,21 @@ bool timer_active(const PVTimer* s) {
     return s->running && Tcl_InterpDeleted(s->interp) == 0;
 }
 
-/* Takes the first task off the list if it belongs to the pass of this epoch. */
-ScheduledTask* task_take_due(PVTimer* s, unsigned long epoch) {
+/* The first task if it is due and belongs to the pass of this epoch, or null. */
+ScheduledTask* task_due(const PVTimer* s, unsigned long epoch) {
     Tcl_Time now;
-    const ScheduledTask* first = s->schedule.first;
+    ScheduledTask* first = s->schedule.first[0];
     if (first == nullptr) {
         return nullptr;
     }
     Tcl_GetTime(&now);
-    if (pv_clock_earlier(now, first->time) || first->epoch > epoch) {
-        return nullptr;
-    }
-    return schedule_remove(&s->schedule, nullptr);
+    return pv_clock_earlier(now, first->time) || first->epoch > epoch ? nullptr : first;
 }
 
 } // namespace
 
-void* pv_timer(Tcl_Interp* interp) {
-    auto* s = static_cast<PVTimer*>(Tcl_GetThreadData(&dataKey, sizeof(PVTimer)));
+PVTimer* pv_timer(Tcl_Interp* interp) {
+    PVTimer* s = thread_timer();
     if (s == nullptr) {
         if (interp != nullptr) {
             fail(interp, "failed to get timer thread data", "QEL", "TIMER", "THREAD",
@@ -311,33 +295,44 @@ void* pv_timer(Tcl_Interp* interp) {
         }
         return nullptr;
     }
-    if (s->initialized && Tcl_InterpDeleted(s->interp) == 0) {
-        return s;
+    if (!s->initialized && interp != nullptr) {
+        pv_timer_init(s, interp);
     }
-    if (interp == nullptr) {
-        return nullptr;
-    }
-    pv_timer_destroy(s);
-    pv_timer_init(s, interp);
-    return s;
+    return s->initialized ? s : nullptr;
 }
 
-void pv_timer_running(void* store, bool running) {
-    static_cast<PVTimer*>(store)->running = running;
+void pv_timer_destroy() {
+    PVTimer* s = thread_timer();
+    if (!s->initialized) {
+        return;
+    }
+    // Ids go on counting: one that a script still holds must not come to name a task of
+    // the next set-up.
+    const unsigned long nextId = s->nextId;
+    while (s->schedule.first[0] != nullptr) {
+        pv_task_destroy(&s->schedule, s->schedule.first[0]);
+    }
+    Tcl_DeleteHashTable(&s->schedule.ids);
+    *s = PVTimer();
+    s->nextId = nextId;
+    DEBUG_LINE("pv_timer_destroy", "released timer data");
 }
 
-long pv_schedule_timeout(void* store) {
-    const auto* s = static_cast<PVTimer*>(store);
+void pv_timer_running(PVTimer* s, bool running) {
+    s->running = running;
+}
+
+long pv_schedule_timeout(const PVTimer* s) {
     Tcl_Time now;
     if (!s->running) {
         return 0;
     }
-    if (s->schedule.first == nullptr) {
+    if (s->schedule.first[0] == nullptr) {
         return s->timeout;
     }
-    const Tcl_Time due = s->schedule.first->time;
+    const Tcl_Time due = s->schedule.first[0]->time;
     Tcl_GetTime(&now);
-    if (now.sec > due.sec || (now.sec == due.sec && now.usec + 1000 >= due.usec) ||
+    if (now.sec > due.sec || (now.sec == due.sec && now.usec + nearlyDue >= due.usec) ||
         s->timeout < 0) {
         return diff_for_timeout(now, due);
     }
@@ -345,41 +340,38 @@ long pv_schedule_timeout(void* store) {
     return diff_for_timeout(now, pv_clock_earlier(cap, due) ? cap : due);
 }
 
-long pv_schedule_due(void* store) {
-    const auto* s = static_cast<PVTimer*>(store);
+long pv_schedule_due(const PVTimer* s) {
     Tcl_Time now;
-    if (s->schedule.first == nullptr) {
+    if (s->schedule.first[0] == nullptr) {
         return -1;
     }
     Tcl_GetTime(&now);
-    return diff_for_timeout(now, s->schedule.first->time);
+    return diff_for_timeout(now, s->schedule.first[0]->time);
 }
 
-void pv_schedule_dispatch(void* store) {
-    auto* s = static_cast<PVTimer*>(store);
-    if (s->schedule.first == nullptr) {
-        return;
+bool pv_schedule_dispatch(PVTimer* s) {
+    bool ran = false;
+    if (s->schedule.first[0] == nullptr) {
+        return false;
     }
     const unsigned long epoch = s->schedule.epoch++;
     while (timer_active(s)) {
-        ScheduledTask* task = task_take_due(s, epoch);
+        ScheduledTask* task = task_due(s, epoch);
         if (task == nullptr) {
-            return;
+            return ran;
         }
-        pv_bgerror_eval(s->interp, task->proc, TCL_EVAL_GLOBAL);
-        pv_task_destroy(task);
+        ran = true;
+        // The task goes first: a script that ends its thread never comes back here.
+        const ObjRef script(task->proc);
+        pv_task_destroy(&s->schedule, task);
+        pv_bgerror_eval(s->interp, script.get(), TCL_EVAL_GLOBAL);
     }
+    return ran;
 }
 
 /* ::qel::reactor timeout ?timeout? */
-int pv_cmd_timeout(ClientData store, Tcl_Interp* interp, int objc,
-                   Tcl_Obj* const objv[]) {
-    auto* s = static_cast<PVTimer*>(store);
+int pv_cmd_timeout(PVTimer* s, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     long timeout = s->timeout;
-    if (objc > 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "?timeout?");
-        return TCL_ERROR;
-    }
     if (objc == 3 && Tcl_GetLongFromObj(interp, objv[2], &timeout) != TCL_OK) {
         return TCL_ERROR;
     }
@@ -393,20 +385,14 @@ int pv_cmd_timeout(ClientData store, Tcl_Interp* interp, int objc,
  * ::qel::reactor after cancel id|command
  * ::qel::reactor after info ?id?
  */
-int pv_cmd_after(ClientData store, Tcl_Interp* interp, int objc,
-                 Tcl_Obj* const objv[]) {
-    auto* s = static_cast<PVTimer*>(store);
+int pv_cmd_after(PVTimer* s, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     long ms;
-    int index;
-    if (objc < 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "option ?arg ...?");
-        return TCL_ERROR;
-    }
     if (Tcl_GetLongFromObj(nullptr, objv[2], &ms) == TCL_OK) {
-        return pv_after_ms(s, interp, ms, objc, objv);
+        return objc > 3 ? pv_after_ms(s, interp, ms, objc, objv)
+                        : wrong_count(interp, 2, objv, "ms script ?script ...?");
     }
-    if (Tcl_GetIndexFromObjStruct(nullptr, objv[2], after_options, sizeof(AfterOption),
-                                  "subcommand", 0, &index) != TCL_OK) {
+    const auto* row = command_row(nullptr, after_options, objv[2], "subcommand");
+    if (row == nullptr) {
         const char* word = Tcl_GetString(objv[2]);
         return fail(
             interp,
@@ -414,5 +400,5 @@ int pv_cmd_after(ClientData store, Tcl_Interp* interp, int objc,
                           word),
             "TCL", "LOOKUP", "INDEX", "argument", word);
     }
-    return after_options[index].proc(s, interp, objc, objv);
+    return command_run(row, 3, s, interp, objc, objv);
 }

@@ -10,12 +10,14 @@
  */
 #include "socket.h"
 
+#include "command.h"
 #include "ctx.h"
 #include "debugging.h"
 #include "reactor.h"
 #include "signal_block.h"
 #include "socket_methods.h"
 #include "socket_record.h"
+#include "socket_reuse.h"
 #include "tclsupport.h"
 
 #include <new>
@@ -32,6 +34,7 @@ struct pv_socket_type {
     int type;         // ZeroMQ socket type
 };
 
+/* Adding a type is one row: the message about unknown types is made from them. */
 constexpr pv_socket_type socket_types[] = {
     {"PAIR", ZMQ_PAIR},     {"PUB", ZMQ_PUB},   {"SUB", ZMQ_SUB},
     {"REQ", ZMQ_REQ},       {"REP", ZMQ_REP},   {"DEALER", ZMQ_DEALER},
@@ -42,12 +45,14 @@ constexpr pv_socket_type socket_types[] = {
 
 /* The registry: one per thread, in zero-filled thread data. */
 struct PVSockets {
-    Tcl_Interp* interp;   // always null
     Tcl_HashTable* table; // command token -> ZeroMQ socket; null until first use
     uint64_t counter;     // number of the next generated name; only grows
+    PVReuse reuse;        // objects kept for the methods of all its sockets
 };
 
 Tcl_ThreadDataKey dataKey;
+
+constexpr int nameMax = 37; // bytes of a generated name with a 64-bit number
 
 int pv_socket_type_code(const char* arg) {
     for (const pv_socket_type* row = socket_types; row->name != nullptr; row++) {
@@ -56,6 +61,17 @@ int pv_socket_type_code(const char* arg) {
         }
     }
     return -1;
+}
+
+/* "A, B, or C", from the table. */
+Tcl_Obj* unknown_type(const char* word) {
+    Tcl_Obj* message = Tcl_ObjPrintf("unknown type \"%s\": must be ", word);
+    for (const pv_socket_type* row = socket_types; row->name != nullptr; row++) {
+        const bool last = row[1].name == nullptr;
+        Tcl_AppendPrintfToObj(message, "%s%s%s", last ? "or " : "", row->name,
+                              last ? "" : ", ");
+    }
+    return message;
 }
 
 /* The record of a registered token. */
@@ -93,11 +109,10 @@ void pv_sockets_destroy(ClientData clientData) {
     }
     pv_sockets_destroy_entries(sockets->table);
     Tcl_DeleteHashTable(sockets->table);
-    Tcl_Free(reinterpret_cast<char*>(sockets->table));
+    release(sockets->table);
     sockets->table = nullptr;
-    if (debugging()) {
-        log_output("pv_sockets_destroy", "released sockets");
-    }
+    pv_reuse_release(&sockets->reuse);
+    DEBUG_LINE("pv_sockets_destroy", "released sockets");
 }
 
 PVSockets* pv_sockets(Tcl_Interp* interp) {
@@ -111,14 +126,14 @@ PVSockets* pv_sockets(Tcl_Interp* interp) {
     if (sockets->table != nullptr) {
         return sockets;
     }
-    char* memory = Tcl_AttemptAlloc(sizeof(Tcl_HashTable));
-    if (memory == nullptr) {
+    auto* table = static_cast<Tcl_HashTable*>(allocate_or_null(sizeof(Tcl_HashTable)));
+    if (table == nullptr) {
         fail(interp, "failed to allocate sockets table", "ZMQ", "SOCKETS", "THREAD",
              "DATA", "TABLE");
         return nullptr;
     }
-    sockets->table = reinterpret_cast<Tcl_HashTable*>(memory);
-    Tcl_InitHashTable(sockets->table, TCL_ONE_WORD_KEYS);
+    sockets->table = table;
+    Tcl_InitHashTable(table, TCL_ONE_WORD_KEYS);
     Tcl_CreateThreadExitHandler(pv_sockets_destroy, sockets);
     return sockets;
 }
@@ -136,9 +151,7 @@ void pv_socket_delete(ClientData clientData) {
             pv_reactor_unregister_socket(d->reactor, d->socket);
         }
         zmq_close(d->socket);
-        if (debugging()) {
-            log_output("pv_socket_delete", "destroyed socket %s", d->name);
-        }
+        DEBUG_LINE("pv_socket_delete", "destroyed socket %s", d->name);
         d->socket = nullptr;
     }
     free(d->name);
@@ -148,7 +161,7 @@ void pv_socket_delete(ClientData clientData) {
         Tcl_DeleteHashEntry(d->entry);
         d->entry = nullptr;
     }
-    Tcl_Free(reinterpret_cast<char*>(d));
+    release(d);
     if (counted) {
         pv_ctx_default_for_socket_destroy(nullptr);
     }
@@ -181,14 +194,14 @@ void pv_socket_name_default(Tcl_Interp* interp, char* name, size_t len,
 
 /* A fresh record with its copy of the name, or null when memory is short. */
 PVSockData* record_new(Tcl_Interp* interp, const char* name, void* socket) {
-    char* memory = Tcl_AttemptAlloc(sizeof(PVSockData));
+    void* memory = allocate_or_null(sizeof(PVSockData));
     if (memory == nullptr) {
         return nullptr;
     }
     auto* d = new (memory) PVSockData;
     d->name = strdup(name);
     if (d->name == nullptr) {
-        Tcl_Free(memory);
+        release(memory);
         return nullptr;
     }
     d->socket = socket;
@@ -214,6 +227,7 @@ int pv_socket_register(Tcl_Interp* interp, const char* name, const DString& full
         return fail(interp, "failed to allocate data for socket", "ZMQ", "SOCKET",
                     "DATA", "ALLOC");
     }
+    d->reuse = &p->reuse;
     d->token = Tcl_CreateObjCommand(interp, full.value(), pv_socket_command, d,
                                     pv_socket_delete);
     if (d->token == nullptr) {
@@ -237,7 +251,7 @@ int pv_socket_register(Tcl_Interp* interp, const char* name, const DString& full
 }
 
 /* Applies what every new socket starts with: unsent messages end with it. */
-int pv_socket_option_defaults(Tcl_Interp* interp, void* socket, int /*type*/) {
+int pv_socket_option_defaults(Tcl_Interp* interp, void* socket) {
     const int linger = 0;
     if (zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger) == 0) {
         return TCL_OK;
@@ -281,12 +295,7 @@ int pv_socket_cmd_create(Tcl_Interp* interp, const char* name, Tcl_Obj* otype) {
     const char* word = Tcl_GetString(otype);
     const int type = pv_socket_type_code(word);
     if (type == -1) {
-        return fail(interp,
-                    Tcl_ObjPrintf("unknown type \"%s\": must be PAIR, PUB, SUB, REQ, "
-                                  "REP, DEALER, ROUTER, PULL, PUSH, XPUB, XSUB, or "
-                                  "STREAM",
-                                  word),
-                    "ZMQ", "SOCKET", "TYPE", word);
+        return fail(interp, unknown_type(word), "ZMQ", "SOCKET", "TYPE", word);
     }
     void* ctx = pv_ctx_default_for_socket_new(interp);
     if (ctx == nullptr) {
@@ -300,26 +309,21 @@ int pv_socket_cmd_create(Tcl_Interp* interp, const char* name, Tcl_Obj* otype) {
                     Tcl_ObjPrintf("failed to create socket: %s", zmq_strerror(error)),
                     "ZMQ", "SOCKET", "CREATE");
     }
-    if (pv_socket_option_defaults(interp, socket, type) != TCL_OK) {
+    if (pv_socket_option_defaults(interp, socket) != TCL_OK) {
         return TCL_ERROR;
     }
-    if (debugging()) {
-        log_output("pv_socket_cmd_create", "created socket '%s'", name);
-    }
+    DEBUG_LINE("pv_socket_cmd_create", "created socket '%s'", name);
     return pv_socket_register(interp, name, full, socket, p);
 }
 
 /* ::zmq::socket create name type */
-int socket_create(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 4) {
-        Tcl_WrongNumArgs(interp, 2, objv, "name type");
-        return TCL_ERROR;
-    }
+int socket_create(void* /*unused*/, Tcl_Interp* interp, int /*objc*/,
+                  Tcl_Obj* const objv[]) {
     return pv_socket_cmd_create(interp, Tcl_GetString(objv[2]), objv[3]);
 }
 
 int pv_socket_cmd_new(Tcl_Interp* interp, Tcl_Obj* otype) {
-    char name[37];
+    char name[nameMax];
     PVSockets* p = pv_sockets(interp);
     if (p == nullptr) {
         return fail(interp, "failed to get sockets thread data", "ZMQ", "SOCKET", "NEW",
@@ -334,26 +338,14 @@ int pv_socket_cmd_new(Tcl_Interp* interp, Tcl_Obj* otype) {
 }
 
 /* ::zmq::socket new type */
-int socket_new(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "type");
-        return TCL_ERROR;
-    }
+int socket_new(void* /*unused*/, Tcl_Interp* interp, int /*objc*/,
+               Tcl_Obj* const objv[]) {
     return pv_socket_cmd_new(interp, objv[2]);
 }
 
-/*
- * Tells whether a full name is no name: that of a command whose deletion is under way
- * and has taken its last part already, seen from a trace on the deletion.
- */
-bool name_is_gone(Tcl_Interp* interp, Tcl_Obj* full, Tcl_Command token) {
-    int length;
-    const char* name = Tcl_GetStringFromObj(full, &length);
-    return length >= 2 && strcmp(name + length - 2, "::") == 0 &&
-           Tcl_FindCommand(interp, name, nullptr, 0) != token;
-}
-
-int pv_socket_cmd_names(Tcl_Interp* interp) {
+/* ::zmq::socket names */
+int pv_socket_cmd_names(void* /*unused*/, Tcl_Interp* interp, int /*objc*/,
+                        Tcl_Obj* const /*objv*/[]) {
     Tcl_HashSearch search;
     PVSockets* p = pv_sockets(interp);
     if (p == nullptr) {
@@ -364,51 +356,33 @@ int pv_socket_cmd_names(Tcl_Interp* interp) {
     for (Tcl_HashEntry* entry = Tcl_FirstHashEntry(p->table, &search); entry != nullptr;
          entry = Tcl_NextHashEntry(&search)) {
         const PVSockData* d = record_of(token_of(p->table, entry));
-        const ObjRef name(d != nullptr ? pv_socket_name(interp, d) : nullptr);
-        if (d != nullptr && !name_is_gone(d->interp, name.get(), d->token)) {
-            Tcl_ListObjAppendElement(nullptr, names, name.get());
+        if (d != nullptr && !pv_socket_nameless(d)) {
+            Tcl_ListObjAppendElement(nullptr, names, pv_socket_name(d));
         }
     }
     Tcl_SetObjResult(interp, names);
     return TCL_OK;
 }
 
-/* ::zmq::socket names */
-int socket_names(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
-    }
-    return pv_socket_cmd_names(interp);
-}
-
-struct Subcommand {
-    const char* word;
-    int (*proc)(Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+constexpr CommandRow<void> subcommands[] = {
+    {"new", 3, 3, "type", socket_new},
+    {"create", 4, 4, "name type", socket_create},
+    {"names", 2, 2, nullptr, pv_socket_cmd_names},
+    {nullptr, 0, 0, nullptr, nullptr},
 };
-
-constexpr Subcommand subcommands[] = {
-    {"new", socket_new},
-    {"create", socket_create},
-    {"names", socket_names},
-    {nullptr, nullptr},
-};
+static_assert(table_ends(subcommands));
 
 } // namespace
 
 /* ::zmq::socket subcommand ?arg ...? */
 int ParvoSocketCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
                    Tcl_Obj* const objv[]) {
-    int index;
     if (objc < 2 || objc > 4) {
-        Tcl_WrongNumArgs(interp, 1, objv, "subcommand ?arg ...?");
-        return TCL_ERROR;
+        return wrong_count(interp, 1, objv, "subcommand ?arg ...?");
     }
-    if (Tcl_GetIndexFromObjStruct(interp, objv[1], subcommands, sizeof(Subcommand),
-                                  "subcommand", 0, &index) != TCL_OK) {
-        return TCL_ERROR;
-    }
-    return subcommands[index].proc(interp, objc, objv);
+    const auto* row = command_row(interp, subcommands, objv[1], "subcommand");
+    return row != nullptr ? command_run<void>(row, 2, nullptr, interp, objc, objv)
+                          : TCL_ERROR;
 }
 
 void* pv_socket_get(Tcl_Interp* interp, const char* name) {
@@ -444,17 +418,22 @@ PVSockData* pv_socket_data(Tcl_Interp* interp, const char* name) {
     return static_cast<PVSockData*>(info.objClientData);
 }
 
-void* pv_socket_from_data(const PVSockData* d) {
-    return d->socket;
+/*
+ * Tcl gives no last part of the name for a command that has gone, and for one that was
+ * created without any, such as "" or "::n::", which is then found under that name.
+ */
+bool pv_socket_nameless(const PVSockData* d) {
+    return *Tcl_GetCommandName(d->interp, d->token) == '\0' &&
+           Tcl_FindCommand(d->interp, d->name, nullptr, TCL_GLOBAL_ONLY) != d->token;
 }
 
-Tcl_Obj* pv_socket_name(Tcl_Interp* /*interp*/, const PVSockData* d) {
+Tcl_Obj* pv_socket_name(const PVSockData* d) {
     Tcl_Obj* name = Tcl_NewObj();
     Tcl_GetCommandFullName(d->interp, d->token, name);
     return name;
 }
 
-void pv_socket_register_with_reactor(PVSockData* d, void* r) {
+void pv_socket_register_with_reactor(PVSockData* d, PVReactor* r) {
     if (d != nullptr) {
         d->reactor = r;
     }

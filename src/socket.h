@@ -9,6 +9,7 @@
 
 #include <tcl.h>
 
+struct PVReactor;
 struct PVSockData;
 
 /* Command procedure of ::zmq::socket; no client data. */
@@ -36,19 +37,23 @@ void* pv_socket_get_word(Tcl_Interp* interp, Tcl_Obj* word);
  */
 PVSockData* pv_socket_data(Tcl_Interp* interp, const char* name);
 
-/* The record's ZeroMQ socket, null once it is closed. */
-void* pv_socket_from_data(const PVSockData* d);
-
 /*
  * A new object, without a reference, that holds the full name of the socket's
  * command as it is now.  The name is read in the command's own interpreter: another
  * one would take its global namespace for a foreign one.
  */
-Tcl_Obj* pv_socket_name(Tcl_Interp* interp, const PVSockData* d);
+Tcl_Obj* pv_socket_name(const PVSockData* d);
 
-/* The record (null allowed) remembers reactor r, to be withdrawn from it on deletion.
+/*
+ * Tells whether the socket's command has no name any more: its deletion is under way
+ * and a trace on it looks.  Its full name must not be asked for then: the namespace may
+ * have been freed.
  */
-void pv_socket_register_with_reactor(PVSockData* d, void* r);
+bool pv_socket_nameless(const PVSockData* d);
+
+/* The record (null allowed) remembers reactor r, which forgets the socket on deletion.
+ */
+void pv_socket_register_with_reactor(PVSockData* d, PVReactor* r);
 
 /* The record (null allowed) forgets its reactor. */
 void pv_socket_unregister_from_reactor(PVSockData* d);

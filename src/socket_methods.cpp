@@ -7,9 +7,12 @@
  */
 #include "socket_methods.h"
 
+#include "command.h"
+#include "ctx.h"
 #include "socket.h"
 #include "socket_options.h"
 #include "socket_record.h"
+#include "socket_reuse.h"
 #include "tclsupport.h"
 
 #include <errno.h>
@@ -19,14 +22,11 @@
 
 namespace {
 
-/*
- * The most bytes one Tcl byte array holds: its length is an int that also counts the
- * array's own header, which is smaller than this allowance in every Tcl 8.
- */
-constexpr size_t frameMax = INT_MAX - 64;
+/* The first libzmq that drops the rest of a message whose peer has gone: 4.3.1. */
+constexpr int dropsRest = 40301;
 
 constexpr char nowaitWord[] = "-nowait";
-constexpr int nowaitLength = sizeof nowaitWord - 1;
+constexpr Tcl_Size nowaitLength = sizeof nowaitWord - 1;
 
 /* A ZeroMQ message for a scope: it is open from a successful init to close. */
 class Message {
@@ -61,12 +61,10 @@ class Message {
  * compared as a string: making the string of a frame would copy all of it.
  */
 bool is_nowait(Tcl_Obj* word) {
-    int length;
-    if (word->bytes == nullptr) {
-        Tcl_GetByteArrayFromObj(word, &length);
-        if (length != nowaitLength) {
-            return false;
-        }
+    Tcl_Size length;
+    if (word->bytes == nullptr && word_bytes(nullptr, word, &length) != nullptr &&
+        length != nowaitLength) {
+        return false;
     }
     const char* text = Tcl_GetStringFromObj(word, &length);
     return length == nowaitLength && memcmp(text, nowaitWord, nowaitLength) == 0;
@@ -84,12 +82,8 @@ int fail_zmq(Tcl_Interp* interp, const char* what, Words... words) {
  * $sock close
  * $sock destroy
  */
-int pv_socket_meth_close(PVSockData* d, Tcl_Interp* interp, int objc,
-                         Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
-    }
+int pv_socket_meth_close(PVSockData* d, Tcl_Interp* /*interp*/, int /*objc*/,
+                         Tcl_Obj* const /*objv*/[]) {
     // The command's deletion procedure does the rest, the count on the context
     // included.  The record is gone afterwards.
     Tcl_DeleteCommandFromToken(d->interp, d->token);
@@ -97,57 +91,71 @@ int pv_socket_meth_close(PVSockData* d, Tcl_Interp* interp, int objc,
 }
 
 /* What the four endpoint methods share. */
-int endpoint_method(PVSockData* d, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[],
+int endpoint_method(PVSockData* d, Tcl_Interp* interp, Tcl_Obj* const objv[],
                     int (*operation)(void*, const char*), const char* what,
                     const char* word) {
-    if (objc != 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "endpoint");
-        return TCL_ERROR;
-    }
+    pv_ctx_standard_descriptors();
     if (operation(d->socket, Tcl_GetString(objv[2])) == -1) {
         return fail_zmq(interp, what, word);
     }
+    d->attached = true;
     return TCL_OK;
 }
 
 /* $sock bind endpoint */
-int pv_socket_meth_bind(PVSockData* d, Tcl_Interp* interp, int objc,
+int pv_socket_meth_bind(PVSockData* d, Tcl_Interp* interp, int /*objc*/,
                         Tcl_Obj* const objv[]) {
-    return endpoint_method(d, interp, objc, objv, zmq_bind, "failed to bind socket",
-                           "BIND");
+    return endpoint_method(d, interp, objv, zmq_bind, "failed to bind socket", "BIND");
 }
 
 /* $sock unbind endpoint */
-int pv_socket_meth_unbind(PVSockData* d, Tcl_Interp* interp, int objc,
+int pv_socket_meth_unbind(PVSockData* d, Tcl_Interp* interp, int /*objc*/,
                           Tcl_Obj* const objv[]) {
-    return endpoint_method(d, interp, objc, objv, zmq_unbind, "failed to unbind socket",
+    return endpoint_method(d, interp, objv, zmq_unbind, "failed to unbind socket",
                            "UNBIND");
 }
 
 /* $sock connect endpoint */
-int pv_socket_meth_connect(PVSockData* d, Tcl_Interp* interp, int objc,
+int pv_socket_meth_connect(PVSockData* d, Tcl_Interp* interp, int /*objc*/,
                            Tcl_Obj* const objv[]) {
-    return endpoint_method(d, interp, objc, objv, zmq_connect,
-                           "failed to connect socket", "CONNECT");
+    return endpoint_method(d, interp, objv, zmq_connect, "failed to connect socket",
+                           "CONNECT");
 }
 
 /* $sock disconnect endpoint */
-int pv_socket_meth_disconnect(PVSockData* d, Tcl_Interp* interp, int objc,
+int pv_socket_meth_disconnect(PVSockData* d, Tcl_Interp* interp, int /*objc*/,
                               Tcl_Obj* const objv[]) {
-    return endpoint_method(d, interp, objc, objv, zmq_disconnect,
+    return endpoint_method(d, interp, objv, zmq_disconnect,
                            "failed to disconnect socket", "DISCONNECT");
 }
 
-/* Sends one word as a frame; returns its length, -1 after a failure. */
-int send_frame(void* socket, Tcl_Obj* word, int flags) {
-    int length;
-    const unsigned char* bytes = Tcl_GetByteArrayFromObj(word, &length);
+/* Sends one word, which is bytes, as a frame; returns its length, -1 after a failure.
+ */
+Tcl_Size send_frame(void* socket, Tcl_Obj* word, int flags) {
+    Tcl_Size length;
+    const unsigned char* bytes = word_bytes(nullptr, word, &length);
     return zmq_send(socket, bytes, static_cast<size_t>(length), flags) != -1 ? length
                                                                              : -1;
 }
 
-/* Whether a socket gives each message to one of its peers in turn, unaddressed. */
-bool takes_turns(void* socket) {
+/* Tells whether all words are bytes; if not, the reason is left in interp. */
+bool all_bytes(Tcl_Interp* interp, int count, Tcl_Obj* const words[]) {
+    for (int i = 0; bytesMayBeRefused && i < count; i++) {
+        Tcl_Size length;
+        if (word_bytes(interp, words[i], &length) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int fail_bytes(Tcl_Interp* interp) {
+    return fail(interp, Tcl_ObjPrintf("send failed: %s", Tcl_GetStringResult(interp)),
+                "ZMQ", "SOCKET", "SEND");
+}
+
+/* Whether a socket gives each message to one of its peers, round-robin. */
+bool is_round_robin(void* socket) {
     int type = ZMQ_PAIR;
     size_t size = sizeof type;
     return zmq_getsockopt(socket, ZMQ_TYPE, &type, &size) == 0 &&
@@ -156,12 +164,13 @@ bool takes_turns(void* socket) {
 
 /*
  * A peer went while a message was half sent: libzmq has taken back what it had and, on
- * sockets that take turns over their peers, drops what follows up to the end of the
- * message.  It must see that end, or it would drop the next message instead.  Others
- * drop nothing and would take the rest for something new, an address even.
+ * round-robin sockets, drops what follows up to the end of the message.  It must see
+ * that end, or it would drop the next message instead.  Other sockets drop nothing and
+ * would take the rest for something new, an address even, and so does every socket of
+ * earlier versions.
  */
 void send_dropped_rest(void* socket, int count, Tcl_Obj* const words[]) {
-    if (!takes_turns(socket)) {
+    if (pv_zmq_version() < dropsRest || !is_round_robin(socket)) {
         return;
     }
     for (int i = 0; i < count; i++) {
@@ -178,16 +187,15 @@ void send_dropped_rest(void* socket, int count, Tcl_Obj* const words[]) {
  */
 int pv_socket_meth_send(PVSockData* d, Tcl_Interp* interp, int objc,
                         Tcl_Obj* const objv[]) {
-    if (objc < 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "?-nowait? ?string ...?");
-        return TCL_ERROR;
-    }
     const bool nowait = is_nowait(objv[2]);
     const int flags = nowait ? ZMQ_DONTWAIT : 0;
     const int first = nowait ? 3 : 2;
     Tcl_WideInt total = 0;
+    if (!all_bytes(interp, objc - first, objv + first)) {
+        return fail_bytes(interp);
+    }
     for (int i = first; i < objc; i++) {
-        const int length =
+        const Tcl_Size length =
             send_frame(d->socket, objv[i], i + 1 < objc ? flags | ZMQ_SNDMORE : flags);
         if (length == -1) {
             const int error = zmq_errno();
@@ -230,37 +238,41 @@ void discard_rest(void* socket) {
     }
 }
 
-/*
- * Receives one frame, appends it to frames, adds its size to total and tells in more
- * whether another one follows.
- */
-RecvFailure recv_frame(void* socket, int flags, Tcl_Obj* frames, Tcl_WideInt* total,
-                       int* more) {
+/* A message on its way in. */
+struct Received {
+    PVKeptMessage* kept;   // its list and frames
+    int count = 0;         // frames in the list
+    Tcl_WideInt bytes = 0; // their bytes
+    int more = 0;          // not 0: another frame follows
+};
+
+/* Receives one frame of a message. */
+RecvFailure recv_frame(const PVSockData* d, int flags, Received* message) {
     Message frame;
     if (frame.init() == -1) {
         return {"failed to initialize frame", "INIT", zmq_errno()};
     }
-    if (zmq_msg_recv(frame.get(), socket, flags) == -1) {
+    if (zmq_msg_recv(frame.get(), d->socket, flags) == -1) {
         return {"failed to receive frame", "FRAME", zmq_errno()};
     }
-    *more = 1; // until ZeroMQ tells: a failure from here on discards the rest
+    message->more = 1; // until ZeroMQ tells: a failure from here on discards the rest
     const size_t size = zmq_msg_size(frame.get());
-    if (size > frameMax) {
+    if (size > static_cast<size_t>(bytesMax)) {
         return {"failed to create byte array for frame", "BYTES"};
     }
-    const ObjRef bytes(Tcl_NewByteArrayObj(
-        static_cast<const unsigned char*>(zmq_msg_data(frame.get())),
-        static_cast<int>(size)));
+    const ObjRef bytes(pv_reuse_frame(d->reuse, message->kept, message->count,
+                                      zmq_msg_data(frame.get()), size));
     if (frame.close() == -1) {
         return {"failed to release frame", "CLOSE"};
     }
-    if (Tcl_ListObjAppendElement(nullptr, frames, bytes.get()) != TCL_OK) {
+    if (Tcl_ListObjAppendElement(nullptr, message->kept->list, bytes.get()) != TCL_OK) {
         return {"failed to append bytes to list", "APPEND"};
     }
-    if (frames_follow(socket, more) == -1) {
+    if (frames_follow(d->socket, &message->more) == -1) {
         return {"failed to check for more frames", "GETSOCKOPT", zmq_errno()};
     }
-    *total += static_cast<Tcl_WideInt>(size);
+    message->count++;
+    message->bytes += static_cast<Tcl_WideInt>(size);
     return {};
 }
 
@@ -274,26 +286,20 @@ int fail_recv(Tcl_Interp* interp, const RecvFailure& failure) {
 /* $sock recv ?-nowait? */
 int pv_socket_meth_recv(PVSockData* d, Tcl_Interp* interp, int objc,
                         Tcl_Obj* const objv[]) {
-    if (objc > 3) {
-        Tcl_WrongNumArgs(interp, 2, objv, "?-nowait?");
-        return TCL_ERROR;
-    }
     const int flags = objc == 3 && is_nowait(objv[2]) ? ZMQ_DONTWAIT : 0;
-    const ObjRef frames(Tcl_NewListObj(0, nullptr));
-    Tcl_WideInt total = 0;
-    int more = 0;
+    Received message = {pv_reuse_message(d->reuse)};
     do {
-        const RecvFailure failure =
-            recv_frame(d->socket, flags, frames.get(), &total, &more);
+        const RecvFailure failure = recv_frame(d, flags, &message);
         if (failure.what != nullptr) {
-            if (more != 0) {
+            pv_reuse_clear(message.kept);
+            if (message.more != 0) {
                 discard_rest(d->socket);
             }
             return fail_recv(interp, failure);
         }
-    } while (more != 0);
-    pv_socket_received_bytes(d, total);
-    Tcl_SetObjResult(interp, frames.get());
+    } while (message.more != 0);
+    pv_socket_received_bytes(d, message.bytes);
+    Tcl_SetObjResult(interp, message.kept->list);
     return TCL_OK;
 }
 
@@ -305,12 +311,8 @@ Tcl_Obj* counts_dict(const PVCounts& counts, Tcl_Obj* messages, Tcl_Obj* bytes) 
 }
 
 /* $sock stats */
-int pv_socket_meth_stats(PVSockData* d, Tcl_Interp* interp, int objc,
-                         Tcl_Obj* const objv[]) {
-    if (objc != 2) {
-        Tcl_WrongNumArgs(interp, 2, objv, nullptr);
-        return TCL_ERROR;
-    }
+int pv_socket_meth_stats(PVSockData* d, Tcl_Interp* interp, int /*objc*/,
+                         Tcl_Obj* const /*objv*/[]) {
     Tcl_Obj* messages = Tcl_NewStringObj("messages", -1);
     Tcl_Obj* bytes = Tcl_NewStringObj("bytes", -1);
     Tcl_Obj* stats = Tcl_NewDictObj();
@@ -330,36 +332,47 @@ int pv_socket_meth_stats(PVSockData* d, Tcl_Interp* interp, int objc,
 int pv_socket_meth_configure(PVSockData* d, Tcl_Interp* interp, int objc,
                              Tcl_Obj* const objv[]) {
     if (objc == 2) {
-        return pv_socket_option_get_all(interp, d->socket);
+        return pv_socket_option_get_all(interp, d);
     }
-    if (objc == 3) {
-        return pv_socket_option_get(interp, d->socket, Tcl_GetString(objv[2]));
-    }
-    if (objc == 4) {
-        return pv_socket_option_set(interp, d->socket, Tcl_GetString(objv[2]), objv[3]);
-    }
-    Tcl_WrongNumArgs(interp, 2, objv, "?-option ?value??");
-    return TCL_ERROR;
+    const char* name = Tcl_GetString(objv[2]);
+    return objc == 3 ? pv_socket_option_get(interp, d, name)
+                     : pv_socket_option_set(interp, d, name, objv[3]);
 }
 
-struct Method {
-    const char* word;
-    int (*proc)(PVSockData* d, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+constexpr CommandRow<PVSockData> methods[] = {
+    {"close", 2, 2, nullptr, pv_socket_meth_close},
+    {"destroy", 2, 2, nullptr, pv_socket_meth_close},
+    {"configure", 2, 4, "?-option ?value??", pv_socket_meth_configure},
+    {"bind", 3, 3, "endpoint", pv_socket_meth_bind},
+    {"unbind", 3, 3, "endpoint", pv_socket_meth_unbind},
+    {"connect", 3, 3, "endpoint", pv_socket_meth_connect},
+    {"disconnect", 3, 3, "endpoint", pv_socket_meth_disconnect},
+    {"send", 3, anyNumber, "?-nowait? ?string ...?", pv_socket_meth_send},
+    {"recv", 2, 3, "?-nowait?", pv_socket_meth_recv},
+    {"stats", 2, 2, nullptr, pv_socket_meth_stats},
+    {nullptr, 0, 0, nullptr, nullptr},
 };
+static_assert(table_ends(methods));
 
-constexpr Method methods[] = {
-    {"close", pv_socket_meth_close},
-    {"destroy", pv_socket_meth_close},
-    {"configure", pv_socket_meth_configure},
-    {"bind", pv_socket_meth_bind},
-    {"unbind", pv_socket_meth_unbind},
-    {"connect", pv_socket_meth_connect},
-    {"disconnect", pv_socket_meth_disconnect},
-    {"send", pv_socket_meth_send},
-    {"recv", pv_socket_meth_recv},
-    {"stats", pv_socket_meth_stats},
-    {nullptr, nullptr},
-};
+/*
+ * The row of a method.  A script's code holds the same object for a word each time:
+ * what it was found to be is kept with it.  A word that is held is never changed in
+ * place.
+ */
+const CommandRow<PVSockData>* method_row(PVReuse* reuse, Tcl_Interp* interp,
+                                         Tcl_Obj* word) {
+    PVKeptWord* kept =
+        &reuse->words[reinterpret_cast<uintptr_t>(word) / sizeof(Tcl_Obj) % keptWords];
+    if (kept->word == word) {
+        return kept->row;
+    }
+    const auto* row = command_row(interp, methods, word, "method");
+    if (row != nullptr) {
+        set_slot(kept->word, word);
+        kept->row = row;
+    }
+    return row;
+}
 
 } // namespace
 
@@ -367,18 +380,16 @@ constexpr Method methods[] = {
 int pv_socket_command(ClientData clientData, Tcl_Interp* interp, int objc,
                       Tcl_Obj* const objv[]) {
     auto* d = static_cast<PVSockData*>(clientData);
-    int index;
     if (objc < 2) {
-        Tcl_WrongNumArgs(interp, 1, objv, "method ?arg...?");
-        return TCL_ERROR;
+        return wrong_count(interp, 1, objv, "method ?arg...?");
     }
-    if (Tcl_GetIndexFromObjStruct(interp, objv[1], methods, sizeof(Method), "method", 0,
-                                  &index) != TCL_OK) {
+    const auto* row = method_row(d->reuse, interp, objv[1]);
+    if (row == nullptr) {
         return TCL_ERROR;
     }
     if (d->socket == nullptr) {
         return fail(interp, "socket was closed when its thread ended", "ZMQ", "SOCKET",
                     "CLOSED");
     }
-    return methods[index].proc(d, interp, objc, objv);
+    return command_run(row, 2, d, interp, objc, objv);
 }

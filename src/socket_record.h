@@ -7,6 +7,9 @@
 
 #include <tcl.h>
 
+struct PVReactor;
+struct PVReuse;
+
 /* Statistics of one direction; only whole messages count. */
 struct PVCounts {
     Tcl_WideInt count = 0; // messages
@@ -27,9 +30,11 @@ struct PVSockData {
     char* name = nullptr;           // owned copy of the name given, for debug lines
     Tcl_Command token = nullptr;    // the object command
     Tcl_HashEntry* entry = nullptr; // entry in the thread's registry, or null
-    void* reactor = nullptr;        // reactor that holds a handler for it, or null
+    PVReactor* reactor = nullptr;   // reactor that holds a handler for it, or null
     PVStats stats;                  // never reset
     Tcl_Interp* interp = nullptr;   // interpreter of the object command
+    bool attached = false;          // was bound or connected: may have connections
+    PVReuse* reuse = nullptr;       // what its thread keeps, in the registry
 };
 
 #endif

@@ -1,5 +1,6 @@
 /*
- * tclsupport.h -- what every source file needs around Tcl's C interface.
+ * tclsupport.h -- what every source file needs around Tcl's C interface, and all that
+ * is different between Tcl 8 and 9.
  *
  * The scopes release in their destructor and are never copied.  They are for
  * the stack only: records in zero-filled thread data hold raw pointers, changed
@@ -9,11 +10,73 @@
 #ifndef PARVO_TCLSUPPORT_H
 #define PARVO_TCLSUPPORT_H
 
+#include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <tcl.h>
 
 #ifndef TCL_THREADS
 #error "compile with TCL_THREADS defined: without it Tcl's mutex calls are empty"
 #endif
+
+// What is different between Tcl 8 and 9.  Lengths are Tcl_Size, which is int in Tcl 8.
+
+#if TCL_MAJOR_VERSION >= 9
+
+constexpr char tclWanted[] = "9.0";      // the oldest Tcl that may load the library
+constexpr bool bytesMayBeRefused = true; // a character above U+00FF is no byte
+
+/* Memory from Tcl; the second one gives null when there is none left. */
+inline void* allocate(size_t size) {
+    return Tcl_Alloc(size);
+}
+inline void* allocate_or_null(size_t size) {
+    return Tcl_AttemptAlloc(size);
+}
+inline void release(void* memory) {
+    Tcl_Free(memory);
+}
+
+/*
+ * The bytes of a word, which owns them, and their number.  Null when a character is
+ * above U+00FF, with Tcl's reason left in interp (null: nowhere).
+ */
+inline unsigned char* word_bytes(Tcl_Interp* interp, Tcl_Obj* word, Tcl_Size* length) {
+    return Tcl_GetBytesFromObj(interp, word, length);
+}
+
+#else
+
+#ifndef TCL_SIZE_MAX
+#define TCL_SIZE_MAX INT_MAX
+using Tcl_Size = int;
+#endif
+
+constexpr char tclWanted[] = "8.5";
+constexpr bool bytesMayBeRefused = false; // the low 8 bits of every character are taken
+
+inline void* allocate(size_t size) {
+    return Tcl_Alloc(static_cast<unsigned>(size));
+}
+inline void* allocate_or_null(size_t size) {
+    return Tcl_AttemptAlloc(static_cast<unsigned>(size));
+}
+inline void release(void* memory) {
+    Tcl_Free(static_cast<char*>(memory));
+}
+
+inline unsigned char* word_bytes(Tcl_Interp* /*interp*/, Tcl_Obj* word,
+                                 Tcl_Size* length) {
+    return Tcl_GetByteArrayFromObj(word, length);
+}
+
+#endif
+
+/*
+ * The most bytes of one byte array: its length also counts the array's own header,
+ * which is smaller than this allowance in every Tcl.
+ */
+constexpr Tcl_Size bytesMax = TCL_SIZE_MAX - 64;
 
 /*
  * Sets message and error code and gives the result of the failed command.
@@ -58,6 +121,22 @@ inline void set_slot(Tcl_Obj*& slot, Tcl_Obj* value) {
 /* The object itself, or a duplicate while somebody else holds it too. */
 inline Tcl_Obj* unshared(Tcl_Obj* obj) {
     return Tcl_IsShared(obj) ? Tcl_DuplicateObj(obj) : obj;
+}
+
+/*
+ * The descriptor of a channel for one direction, TCL_READABLE or TCL_WRITABLE, or -1
+ * when the channel is not open that way.  A TCP channel goes on giving its descriptor
+ * for a half that was closed, only its mode tells.  A server socket has no mode at all,
+ * and a descriptor that is readable when a connection waits.
+ */
+inline int channel_descriptor(Tcl_Channel channel, int direction) {
+    ClientData handle;
+    const int mode = Tcl_GetChannelMode(channel);
+    if ((mode != 0 && (mode & direction) == 0) ||
+        Tcl_GetChannelHandle(channel, direction, &handle) != TCL_OK) {
+        return -1;
+    }
+    return static_cast<int>(reinterpret_cast<intptr_t>(handle));
 }
 
 /* Holds one reference on an object (null allowed) for a scope. */
@@ -105,7 +184,7 @@ class InterpHold {
 /* A dynamic string for a scope; good tells whether memory was there for it. */
 class DString {
   public:
-    DString() : text_(reinterpret_cast<Tcl_DString*>(Tcl_AttemptAlloc(sizeof *text_))) {
+    DString() : text_(static_cast<Tcl_DString*>(allocate_or_null(sizeof *text_))) {
         if (text_ != nullptr) {
             Tcl_DStringInit(text_);
         }
@@ -113,7 +192,7 @@ class DString {
     ~DString() {
         if (text_ != nullptr) {
             Tcl_DStringFree(text_);
-            Tcl_Free(reinterpret_cast<char*>(text_));
+            release(text_);
         }
     }
     DString(const DString&) = delete;
@@ -148,22 +227,5 @@ class MutexLock {
   private:
     Tcl_Mutex* mutex_;
 };
-
-/*
- * The two ends of a per-thread store's life besides its own: the exit of its thread
- * (destroy) and the deletion of the interpreter that set it up (deleted).
- * A store that is released for either reason takes both back.
- */
-inline void store_watch(void* store, Tcl_Interp* interp, Tcl_ExitProc* destroy,
-                        Tcl_InterpDeleteProc* deleted) {
-    Tcl_CreateThreadExitHandler(destroy, store);
-    Tcl_CallWhenDeleted(interp, deleted, store);
-}
-
-inline void store_unwatch(void* store, Tcl_Interp* interp, Tcl_ExitProc* destroy,
-                          Tcl_InterpDeleteProc* deleted) {
-    Tcl_DontCallWhenDeleted(interp, deleted, store);
-    Tcl_DeleteThreadExitHandler(destroy, store);
-}
 
 #endif

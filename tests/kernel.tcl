@@ -79,8 +79,8 @@ proc trapped {} {
         error "traps $traps, blocked [mask SigBlk], descriptors $fds: [reactor events]"
     }
     scan [contents /proc/self/fdinfo/$fds] "pos: %*d flags: %o" flags
-    if {($flags & 02004000) != 02004000} {
-        error "the descriptor is blocking or survives exec: $flags"
+    if {($flags & 0x80800) != 0x80800} {
+        error "the descriptor is blocking or survives exec: [format %o $flags]"
     }
     return [dict keys $traps]
 }

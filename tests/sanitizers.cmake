@@ -20,11 +20,18 @@ if(PARVO_SANITIZE)
     OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
   set(reports "${PROJECT_BINARY_DIR}/reports")
   file(MAKE_DIRECTORY "${reports}")
-  set(common "exitcode=99:log_path=${reports}/report")
+  # The options of sanitizers may be quoted; names of libraries to load first may not hold
+  # blanks, but the search path may.
+  set(common "exitcode=99:log_path='${reports}/report'")
+  set(search "${CMAKE_CURRENT_BINARY_DIR}")
+  if(DEFINED ENV{LD_LIBRARY_PATH})
+    string(APPEND search ":$ENV{LD_LIBRARY_PATH}")
+  endif()
   list(APPEND parvo_environment
-    "LD_PRELOAD=${runtime}:$<TARGET_FILE:tclmalloc>"
+    "LD_PRELOAD=${runtime} tclmalloc.so"
+    "LD_LIBRARY_PATH=${search}"
     "PARVO_SANITIZED=1"
     "ASAN_OPTIONS=detect_leaks=0:abort_on_error=0:${common}"
     "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:${common}"
-    "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp:${common}")
+    "TSAN_OPTIONS=suppressions='${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp':${common}")
 endif()

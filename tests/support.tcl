@@ -4,14 +4,50 @@
 package require tcltest 2.3
 namespace import ::tcltest::test ::tcltest::makeFile ::tcltest::removeFile
 package require zmq
-encoding system utf-8 ; # of file names, words and lines for other processes, in any locale
+# The encoding of file names and of words and lines for other processes, in any locale.
+encoding system utf-8
+set ::env(LC_ALL) C.UTF-8
+foreach channel {stdout stderr} {fconfigure $channel -encoding utf-8}
 
 set ::support(dir) [file normalize [file join \
     [expr {[info exists ::env(TMPDIR)] ? $::env(TMPDIR) : "/tmp"}] \
     parvo-[pid]-[clock microseconds]]]
 set ::support(root) [file dirname [file dirname [file normalize [info script]]]]
 file mkdir $::support(dir)
-::tcltest::configure -verbose {body error} -tmpdir $::support(dir)
+::tcltest::configure -verbose {body error skip} -tmpdir $::support(dir)
+
+# What a machine may lack.  script/test shows the tests that were skipped, and why.
+proc has_program {args} {expr {{} ni [lmap name $args {auto_execok $name}]}}
+proc has_package {name} {
+    catch {package require "no such package"} ; # this reads every index
+    expr {[package versions $name] ne {}}
+}
+proc has_python_module {name} {expr {![catch {exec /usr/bin/python3 -c "import $name"}]}}
+::tcltest::testConstraint Thread [has_package Thread]
+::tcltest::testConstraint dtplite [has_program dtplite]
+::tcltest::testConstraint python3 [has_program python3]
+
+# The file of the library.
+proc library {} {
+    foreach loaded [info loaded] {
+        if {[string match */lib*parvo.so [lindex $loaded 0]]} {return [lindex $loaded 0]}
+    }
+}
+
+# Skips a whole file.
+proc requires {what present} {
+    if {!$present} {
+        puts "++++ [file rootname [file tail [info script]]] SKIPPED: $what"
+        file delete -force $::support(dir)
+        exit 77
+    }
+}
+
+# What differs between versions of libzmq, and of Tcl: whether bind takes names of hosts, a
+# character that is no byte makes an error of send, the error code of what is no integer.
+proc zmq_binds_names {} {package vsatisfies [::zmq::version] 4.3.5}
+proc tcl_refuses_wide {} {package vsatisfies [package provide Tcl] 9}
+proc tcl_no_integer {} {lindex [failure {string repeat x y}] 1}
 
 # Runs a script and gives its message and error code.
 proc failure {script} {
@@ -83,6 +119,11 @@ proc child {script} {
     list $out $err $status
 }
 
+# The same with so many descriptors at most, ZeroMQ's own included.
+proc limited {descriptors script} {
+    child "exec prlimit --pid \[pid] --nofile=$descriptors\n$script"
+}
+
 # Evaluates a script in the reactor's interpreter and runs the loop until it is
 # stopped, or for ten seconds.
 proc react {script} {
@@ -95,9 +136,9 @@ proc react {script} {
 }
 
 # A test that is known by its description and whose sockets are closed at the end.
-proc check {description body result {match exact}} {
+proc check {description body result {match exact} {constraints {}}} {
     set name [file rootname [file tail [info script]]]-[incr ::support(checks)]
-    uplevel 1 [list test $name $description -body $body -cleanup close_all \
+    uplevel 1 [list test $name $description -constraints $constraints -body $body -cleanup close_all \
         -match $match -result $result]
 }
 
@@ -143,6 +184,7 @@ proc finish {} {
     close_all
     file delete -force $::support(dir)
     file mkdir $::support(dir)
+    if {$::tcltest::numTests(Skipped) == $::tcltest::numTests(Total) && !$failed} {set failed 77}
     ::tcltest::cleanupTests
     file delete $::support(dir)
     exit $failed

@@ -77,7 +77,7 @@ proc begin_end {args} {
     flush stdout
     FINISH
 }
-proc signal_self {signal} {exec kill -$signal [pid]}
+proc signal_self {signal} {exec sh -c "kill -$signal [pid]"}
 proc until {script} {
     while {!([$::peer configure -events] & 1)} {uplevel #0 $script}
 }
@@ -138,7 +138,7 @@ proc start {case} {
     close $f
     set channel [open |[list [info nameofexecutable] $base.tcl 2>$base.err]]
     fconfigure $channel -blocking 0
-    set guard [after [expr {$::patience * 1000}] [list exec kill -KILL [pid $channel]]]
+    set guard [after [expr {$::patience * 1000}] [list exec sh -c "kill -KILL [pid $channel]"]]
     fileevent $channel readable [list output $case $channel $base $guard]
     incr ::running
 }

@@ -6,12 +6,15 @@
  *
  *   fault arm function n error ?forgood?   fails the n-th call from here on
  *   fault off                              gives how often the armed function failed
+ *   fault left                             gives how many of its calls it has let pass
+ *   fault version major minor patch        what zmq_version tells the library from here on
  *
  * A function that releases something releases it before it reports failure.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -19,6 +22,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/time.h>
 #include <tcl.h>
@@ -28,19 +32,22 @@
 
 static struct {
     char function[64]; /* armed function, empty: none */
-    int left;          /* calls until the failure */
+    int first;         /* number of the call that fails */
+    int left;          /* calls until then */
     int error;
     int forgood;
     int failed; /* failures so far */
 } armed;
 
+/* Tells whether an address lies in the library. */
+static int ours(const void* caller) {
+    Dl_info info;
+    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "libparvo.so") != NULL;
+}
+
 /* Tells whether this call fails; caller: the address that it returns to. */
 static int fails(const char* function, const void* caller) {
-    Dl_info info;
-    if (strcmp(function, armed.function) != 0) {
-        return 0;
-    }
-    if (dladdr(caller, &info) == 0 || strstr(info.dli_fname, "libparvo.so") == NULL) {
+    if (strcmp(function, armed.function) != 0 || !ours(caller)) {
         return 0;
     }
     if (armed.left > 1) {
@@ -55,6 +62,8 @@ static int fails(const char* function, const void* caller) {
     errno = armed.error;
     return 1;
 }
+
+static int version[3]; /* what zmq_version tells, 0.0.0: the truth */
 
 #define FAILS(name) fails(name, __builtin_return_address(0))
 
@@ -73,6 +82,7 @@ INT_CALL(zmq_unbind, (void* s, const char* e), (s, e))
 INT_CALL(zmq_connect, (void* s, const char* e), (s, e))
 INT_CALL(zmq_disconnect, (void* s, const char* e), (s, e))
 INT_CALL(zmq_send, (void* s, const void* b, size_t n, int f), (s, b, n, f))
+INT_CALL(zmq_recv, (void* s, void* b, size_t n, int f), (s, b, n, f))
 INT_CALL(zmq_msg_init, (zmq_msg_t * m), (m))
 INT_CALL(zmq_msg_recv, (zmq_msg_t * m, void* s, int f), (m, s, f))
 INT_CALL(zmq_poll, (zmq_pollitem_t * i, int n, long t), (i, n, t))
@@ -85,6 +95,8 @@ INT_CALL(sigaddset, (sigset_t * s, int n), (s, n))
 INT_CALL(sigdelset, (sigset_t * s, int n), (s, n))
 INT_CALL(sigismember, (const sigset_t* s, int n), (s, n))
 INT_CALL(usleep, (useconds_t u), (u))
+INT_CALL(getrlimit, (__rlimit_resource_t r, struct rlimit* l), (r, l))
+INT_CALL(setvbuf, (FILE * f, char* b, int m, size_t n), (f, b, m, n))
 INT_CALL(gettimeofday, (struct timeval * t, void* z), (t, z))
 
 /* These release before they fail. */
@@ -120,6 +132,36 @@ int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
     return FAILS("pthread_sigmask") ? armed.error : REAL(pthread_sigmask)(how, set, old);
 }
 
+/* Of their uses here, none takes a third argument. */
+int fcntl(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    return FAILS("fcntl") ? -1 : REAL(fcntl)(fd, command, argument);
+}
+
+int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return FAILS("open") ? -1 : REAL(open)(path, flags, mode);
+}
+
+size_t fwrite(const void* p, size_t size, size_t n, FILE* f) {
+    return FAILS("fwrite") ? 0 : REAL(fwrite)(p, size, n, f);
+}
+
+void zmq_version(int* major, int* minor, int* patch) {
+    REAL(zmq_version)(major, minor, patch);
+    if (version[0] != 0 && ours(__builtin_return_address(0))) {
+        *major = version[0];
+        *minor = version[1];
+        *patch = version[2];
+    }
+}
+
 /* A frame that claims more bytes than Tcl can hold. */
 size_t zmq_msg_size(const zmq_msg_t* m) {
     return FAILS("zmq_msg_size") ? SIZE_MAX / 2 : REAL(zmq_msg_size)(m);
@@ -137,7 +179,24 @@ int vasprintf(char** text, const char* fmt, va_list args) {
     return FAILS("vasprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
 }
 
+int asprintf(char** text, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    const int rc = FAILS("asprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
+    va_end(args);
+    return rc;
+}
+
 /* What a fortified library calls. */
+int __asprintf_chk(char** text, int flag, const char* fmt, ...) {
+    va_list args;
+    (void) flag;
+    va_start(args, fmt);
+    const int rc = FAILS("asprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
+    va_end(args);
+    return rc;
+}
+
 int __vasprintf_chk(char** text, int flag, const char* fmt, va_list args) {
     (void) flag;
     return FAILS("vasprintf") ? -1 : REAL(vasprintf)(text, fmt, args);
@@ -184,15 +243,26 @@ static void stubs_replace(void) {
 static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]) {
     (void) unused;
+    if (objc == 5 && strcmp(Tcl_GetString(objv[1]), "version") == 0) {
+        for (int i = 0; i < 3; i++) {
+            if (Tcl_GetIntFromObj(interp, objv[i + 2], &version[i]) != TCL_OK) {
+                return TCL_ERROR;
+            }
+        }
+        return TCL_OK;
+    }
     if (objc == 2) {
+        const int left = strcmp(Tcl_GetString(objv[1]), "left") == 0;
         armed.function[0] = '\0';
-        Tcl_SetObjResult(interp, Tcl_NewIntObj(armed.failed));
+        Tcl_SetObjResult(interp, Tcl_NewIntObj(left ? armed.first - armed.left
+                                                    : armed.failed));
         return TCL_OK;
     }
     if (objc < 5 || Tcl_GetIntFromObj(interp, objv[3], &armed.left) != TCL_OK ||
         Tcl_GetIntFromObj(interp, objv[4], &armed.error) != TCL_OK) {
         return TCL_ERROR;
     }
+    armed.first = armed.left;
     armed.forgood = objc > 5;
     armed.failed = 0;
     snprintf(armed.function, sizeof armed.function, "%s", Tcl_GetString(objv[2]));

@@ -9,6 +9,7 @@
 # in it are called, and each must be seen for what it is.
 
 package require zmq
+package require Thread
 lassign $argv iterations planted
 set red 0
 proc complain {what} {
@@ -118,6 +119,13 @@ set withdraw {::qel::reactor event s readable {}}
 set close {foreach name [::zmq::socket names] {if {[string match *zsock* $name]} {$name close}}}
 proc swallow {args} {}
 ::qel::reactor bgerror swallow
+proc thread_exits_in_timer {} {
+    thread::join [thread::create -joinable {
+        package require zmq
+        ::qel::reactor after 0 thread::exit
+        ::qel::reactor start
+    }]
+}
 proc later {script} {::qel::reactor after 0 $script}
 
 # expected error code or "ok", setup, command, what undoes it.  A send that does not wait
@@ -178,6 +186,8 @@ foreach {setup command undo} {
         [list \$close $close \$cancel $cancel \$withdraw $withdraw \$default $default] $undo]
 }
 set wrong {TCL WRONGARGS}
+catch {string repeat x y} - options
+set integer [dict get $options -errorcode]
 foreach {code command} {
     $wrong {::zmq::version word}  $wrong {::zmq::build word}  $wrong {::qel::timestamp word}
     $wrong {::zmq::debug worker}  {TCL LOOKUP INDEX subcommand nosuch} {::zmq::debug nosuch name}
@@ -188,7 +198,7 @@ foreach {code command} {
     {ZMQ SOCKET CONNECT} {s connect word}  {ZMQ SOCKET UNBIND} {s unbind tcp://127.0.0.1:1}
     {ZMQ SOCKET DISCONNECT} {s disconnect inproc://nosuch}
     {ZMQ SOCKET RECV FRAME} {s recv -nowait}  {ZMQ SOCKET SEND} {u send a word}
-    {ZMQ SOCKET SET BIN} {s configure -subscribe topic}  {TCL VALUE INTEGER} {s configure -linger word}
+    {ZMQ SOCKET SET BIN} {s configure -subscribe topic}  $integer {s configure -linger word}
     {ZMQ SOCKET GET -nosuch} {s configure -nosuch}  {ZMQ SOCKET SET -nosuch} {s configure -nosuch word}
     {ZMQ SOCKET SET -type} {s configure -type 3}  {ZMQ SOCKET GET -subscribe} {s configure -subscribe}
     {ZMQ POLL HANDLE nosuch} {::zmq::poll s nosuch 0}  {ZMQ POLL HANDLE $w} {::zmq::poll s $w 0}
@@ -214,6 +224,11 @@ foreach {code command} {
 # Valgrind lets a program believe that it set a handler for SIGKILL.
 if {![info exists ::env(LD_PRELOAD)] || ![string match *vgpreload* $::env(LD_PRELOAD)]} {
     lappend rows {QEL SIGNAL DEFAULT SET} {} {::qel::reactor signal default KILL} {}
+}
+
+# The Thread package leaves the interpreter of such a thread behind, the library nothing.
+if {$iterations < 2} {
+    lappend rows ok {} thread_exits_in_timer {}
 }
 
 foreach {expected setup command undo} $rows {

@@ -5,9 +5,12 @@
 #
 # Tcl's allocator becomes malloc, so that the sanitizers see every block.
 
+. "$(dirname "${BASH_SOURCE[0]}")/../common.sh"
+plain=$build
+
 sanitized() {
     local preset=$1 compiler=${2:-g++} runtime
-    build=$PWD/build-$preset
+    build=$plain-$preset
     [ "$compiler" = g++ ] || build=$build-$compiler
     # Checks that run at the same time share the build.
     mkdir -p "$build"
@@ -16,23 +19,26 @@ sanitized() {
     # Configured once: naming the compiler again would make CMake start all over, while
     # another check may be using what was built.
     [ -f "$build/CMakeCache.txt" ] ||
-        CMAKE_GENERATOR=Ninja CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) \
-            CXX=$compiler cmake --preset "$preset" -B "$build" >/dev/null
+        CC=$([ "$compiler" = clang++ ] && echo clang || echo gcc) CXX=$compiler \
+            configure "$build" --preset "$preset" >/dev/null
     cmake --build "$build" >/dev/null
     exec 9>&-
     case $preset-$compiler in
         asan-g++) runtime=libasan.so ;;
         tsan-g++) runtime=libtsan.so ;;
-        asan-clang++) runtime=libclang_rt.asan-x86_64.so ;;
-        tsan-clang++) runtime=libclang_rt.tsan-x86_64.so ;;
+        asan-clang++) runtime=libclang_rt.asan-$(uname -m).so ;;
+        tsan-clang++) runtime=libclang_rt.tsan-$(uname -m).so ;;
     esac
-    preload=$("$compiler" -print-file-name=$runtime):$build/tests/tclmalloc.so
+    # Names of libraries to load first cannot hold blanks, but the search path can.
+    search=$build/tests${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+    preload="$("$compiler" -print-file-name=$runtime) tclmalloc.so"
 }
 
 run() {
-    LD_PRELOAD=$preload TCLLIBPATH=$build PARVO_SANITIZED=1 \
-        ASAN_OPTIONS=detect_leaks=0:exitcode=99 \
-        UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:exitcode=99 \
-        TSAN_OPTIONS=exitcode=99:suppressions=$PWD/tests/tsan.supp "${prefix[@]}" tclsh "$@"
+    local under=(env LD_PRELOAD="$preload" LD_LIBRARY_PATH="$search" PARVO_SANITIZED=1
+        ASAN_OPTIONS=detect_leaks=0:exitcode=99
+        UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:exitcode=99
+        TSAN_OPTIONS="exitcode=99:suppressions='$top/tests/tsan.supp'" "${prefix[@]}")
+    tcl "$@"
 }
 prefix=()

@@ -105,7 +105,7 @@ proc start_peer {name} {
 proc kill_peer {name} {
     if {$::up($name) != 1} return
     set ::up($name) dying
-    exec kill -KILL [pid $::pipe($name)] &
+    exec sh -c "kill -KILL [pid $::pipe($name)]" &
     reactor after 50 [list next_life $name]
 }
 proc next_life {name} {
