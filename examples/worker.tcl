@@ -137,7 +137,9 @@ set name [encoding convertto utf-8 $option(-name)]
 foreach {socket type} {jobs PULL results PUSH dead PUSH} {
     set $socket [::zmq::socket new $type]
 }
-$jobs configure -rcvhwm 50    ;# a short queue: jobs go to the workers that are free
+# A short queue: jobs go to the workers that are free.  Over tcp the kernel's buffers hold
+# more; -rcvbuf 4096 here and -sndbuf 4096 at the sender, set first, keep that short, too.
+$jobs configure -rcvhwm 50
 foreach socket {jobs results dead} {[set $socket] connect $option(-$socket)}
 ::qel::reactor bgerror failed
 ::qel::reactor event $jobs readable [set work [list work $jobs $results $name]]
