@@ -1,16 +1,15 @@
 /*
- * bare.c -- the least that Tcl commands around libzmq cost.
+ * bare.c -- Tcl commands that do nothing but call libzmq, and use results again.
  *
  * The commands have the names of the package's, so that the same procs run on them, and
  * do what those procs need, and examples/worker.tcl until it is stopped, and nothing
  * else: no message on an error (the process ends), no option that they do not set, no
  * count, no timer, no signal, no log, no check that a socket or a handler still is there.
- * The calls of libzmq are those that the package makes for them.  What Tcl itself takes
- * remains: the call of a command, the result of a receive, the evaluation of a handler.
- *
- * With BARE_COPIES in the environment, poll copies the names of the handles, too, which is
- * part of the package's design.
+ * The calls of libzmq are those that the package makes for them.  Of what Tcl itself takes
+ * remains: the call of a command, the evaluation of a handler, and, in a receive, filling
+ * a list and byte arrays that are kept from an earlier one.
  */
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,13 +17,19 @@
 #include <zmq.h>
 
 enum { handlersMax = 1023 }; // sockets that a context holds
+enum { keptMessages = 2, keptFrames = 16, keptBytes = 1024 };
 
 static void* context;
 static zmq_pollitem_t items[handlersMax];
 static Tcl_Obj* scripts[handlersMax];
 static int handlers;
 static int running;
-static int copies;
+
+/* Results of receives.  A script holds one while the next is made. */
+static struct {
+    Tcl_Obj* list;
+    Tcl_Obj* frames[keptFrames];
+} kept[keptMessages];
 
 static void check(int ok) {
     if (!ok) {
@@ -33,22 +38,58 @@ static void check(int ok) {
     }
 }
 
-static Tcl_Obj* recv_frame(void* socket, int flags) {
-    zmq_msg_t frame;
-    check(zmq_msg_init(&frame) == 0 && zmq_msg_recv(&frame, socket, flags) != -1);
-    Tcl_Obj* bytes = Tcl_NewByteArrayObj(zmq_msg_data(&frame), (int) zmq_msg_size(&frame));
-    zmq_msg_close(&frame);
-    return bytes;
+/*
+ * An object with these bytes: that of the slot (NULL: none) if nobody else holds it, else
+ * a new one.
+ */
+static Tcl_Obj* filled(Tcl_Obj** slot, const void* bytes, int size) {
+    if (slot == NULL || size > keptBytes) {
+        return Tcl_NewByteArrayObj(bytes, size);
+    }
+    if (*slot != NULL && (*slot)->refCount == 1) {
+        memcpy(Tcl_SetByteArrayLength(*slot, size), bytes, (size_t) size);
+        return *slot;
+    }
+    if (*slot != NULL) {
+        Tcl_DecrRefCount(*slot);
+    }
+    *slot = Tcl_NewByteArrayObj(bytes, size);
+    Tcl_IncrRefCount(*slot);
+    return *slot;
+}
+
+static Tcl_Obj* empty_list(Tcl_Obj** slot) {
+    if (*slot != NULL && (*slot)->refCount == 1) {
+        Tcl_ListObjReplace(NULL, *slot, 0, INT_MAX, 0, NULL);
+        return *slot;
+    }
+    if (*slot != NULL) {
+        Tcl_DecrRefCount(*slot);
+    }
+    *slot = Tcl_NewListObj(0, NULL);
+    Tcl_IncrRefCount(*slot);
+    return *slot;
 }
 
 static void socket_recv(Tcl_Interp* interp, void* socket, int flags) {
-    Tcl_Obj* frames = Tcl_NewListObj(0, NULL);
+    static int next;
+    next = (next + 1) % keptMessages;
+    Tcl_Obj* frames = empty_list(&kept[next].list);
     int more;
-    do {
+    for (int i = 0;; i++) {
+        zmq_msg_t frame;
         size_t size = sizeof more;
-        Tcl_ListObjAppendElement(NULL, frames, recv_frame(socket, flags));
+        check(zmq_msg_init(&frame) == 0 && zmq_msg_recv(&frame, socket, flags) != -1);
+        Tcl_ListObjAppendElement(
+            NULL, frames,
+            filled(i < keptFrames ? &kept[next].frames[i] : NULL, zmq_msg_data(&frame),
+                   (int) zmq_msg_size(&frame)));
+        zmq_msg_close(&frame);
         zmq_getsockopt(socket, ZMQ_RCVMORE, &more, &size);
-    } while (more != 0);
+        if (more == 0) {
+            break;
+        }
+    }
     Tcl_SetObjResult(interp, frames);
 }
 
@@ -128,26 +169,18 @@ static void* socket_of(Tcl_Interp* interp, Tcl_Obj* name) {
 /* ::zmq::poll socket... timeout */
 static int poll_once(ClientData data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     static zmq_pollitem_t polled[handlersMax];
-    static char* names[handlersMax];
     Tcl_Obj* ready = Tcl_NewListObj(0, NULL);
     int timeout;
     (void) data;
     Tcl_GetIntFromObj(interp, objv[objc - 1], &timeout);
     for (int i = 0; i < objc - 2; i++) {
         polled[i] = (zmq_pollitem_t){socket_of(interp, objv[i + 1]), 0, ZMQ_POLLIN, 0};
-        if (copies) {
-            names[i] = strdup(Tcl_GetString(objv[i + 1]));
-        }
     }
     check(zmq_poll(polled, objc - 2, timeout) != -1);
     for (int i = 0; i < objc - 2; i++) {
         if (polled[i].revents != 0) {
-            Tcl_ListObjAppendElement(NULL, ready, copies ? Tcl_NewStringObj(names[i], -1)
-                                                         : objv[i + 1]);
+            Tcl_ListObjAppendElement(NULL, ready, objv[i + 1]);
         }
-    }
-    for (int i = 0; copies && i < objc - 2; i++) {
-        free(names[i]);
     }
     Tcl_SetObjResult(interp, ready);
     return TCL_OK;
@@ -200,7 +233,6 @@ int Bare_Init(Tcl_Interp* interp) {
         return TCL_ERROR;
     }
     context = zmq_ctx_new();
-    copies = getenv("BARE_COPIES") != NULL;
     Tcl_CreateNamespace(interp, "::zmq", NULL, NULL);
     Tcl_CreateNamespace(interp, "::qel", NULL, NULL);
     Tcl_CreateObjCommand(interp, "::zmq::socket", socket_new, NULL, NULL);

@@ -83,19 +83,40 @@ def send(size, count):
     return ops_per_second(count, transmit)
 
 
-def poll(idle, count):
+def poller_with(idle):
+    """A poller, and the receive method of each of its sockets."""
     poller = zmq.Poller()
     handlers = {}
-    idlers = [context.socket(zmq.PULL) for _ in range(idle)]
-    for s in idlers + [bound(zmq.PULL)]:
+    for s in [context.socket(zmq.PULL) for _ in range(idle)] + [bound(zmq.PULL)]:
         poller.register(s, zmq.POLLIN)
         handlers[s] = receiver(s)
+    return poller, handlers
+
+
+def poll(idle, count):
+    poller, handlers = poller_with(idle)
 
     def loop(n):
         while n > 0:
             for s, _ in poller.poll(5000):
                 got = handlers[s]()
                 n -= 1
+
+    return ops_per_second(count, loop)
+
+
+def react(idle, count):
+    """As poll, until a message of two frames; plain frames are counted."""
+    if plain:
+        return poll(idle, count)
+    poller, handlers = poller_with(idle)
+
+    def loop(n):
+        running = True
+        while running:
+            for s, _ in poller.poll(5000):
+                if len(handlers[s]()) == 2:
+                    running = False
 
     return ops_per_second(count, loop)
 
@@ -119,31 +140,9 @@ def echo():
         send(recv())
 
 
-def sockets(count):
-    """Microseconds to create and to close an idle socket, bytes that it holds."""
-    context.socket(zmq.PULL).close()
-    before = resident()
-    start = time.perf_counter()
-    kept = [context.socket(zmq.PULL) for _ in range(count)]
-    created = time.perf_counter()
-    held = resident() - before
-    closing = time.perf_counter()
-    for s in kept:
-        s.close()
-    closed = time.perf_counter()
-    return "%g %g %g" % ((created - start) * 1e6 / count,
-                         (closed - closing) * 1e6 / count, held / count)
-
-
-def resident():
-    with open("/proc/self/smaps_rollup") as maps:
-        line = next(line for line in maps if line.startswith("Rss:"))
-    return int(line.split()[1]) * 1024
-
-
 words = [int(word) if word.isdigit() else word for word in sys.argv[3:]]
 print("value", {
-    "inproc": inproc, "recv": recv, "send": send, "reactor": poll, "poll": poll,
-    "rtt": rtt, "echo": echo, "sockets": sockets,
+    "inproc": inproc, "recv": recv, "send": send, "reactor": react, "poll": poll,
+    "rtt": rtt, "echo": echo,
 }[sys.argv[2]](*words), flush=True)
 os._exit(0)  # what is still queued is of no interest

@@ -200,41 +200,6 @@ _Noreturn static double echo(char** args) {
     }
 }
 
-/* Resident memory of this process in bytes. */
-static double resident(void) {
-    char line[256];
-    double kilobytes = 0;
-    FILE* f = fopen("/proc/self/smaps_rollup", "r");
-    check(f != NULL, "smaps_rollup");
-    while (fgets(line, sizeof line, f) != NULL) {
-        sscanf(line, "Rss: %lf", &kilobytes);
-    }
-    fclose(f);
-    return kilobytes * 1024;
-}
-
-/* Creates and closes idle sockets: microseconds each, and bytes held: count. */
-_Noreturn static double idle_sockets(char** args) {
-    const long count = atol(args[0]);
-    void** sockets = calloc((size_t) count, sizeof *sockets);
-    double before, held, start, created, closing;
-    zmq_close(socket_new(ZMQ_PULL)); // the context's threads and tables
-    before = resident();
-    start = now();
-    for (long i = 0; i < count; i++) {
-        sockets[i] = socket_new(ZMQ_PULL);
-    }
-    created = now() - start;
-    held = resident() - before;
-    closing = now();
-    for (long i = 0; i < count; i++) {
-        zmq_close(sockets[i]);
-    }
-    printf("value %g %g %g\n", created * 1e6 / (double) count,
-           (now() - closing) * 1e6 / (double) count, held / (double) count);
-    exit(0);
-}
-
 /* Sends one job and receives results until at most so many jobs are out. */
 static void job_step(void* jobs, void* results, const char* bytes, size_t size,
                      int* out, int most) {
@@ -309,13 +274,18 @@ _Noreturn static double worker(char** args) {
     }
 }
 
-/* Sends until it is killed: endpoint, size. */
+/*
+ * Sends until it is killed: endpoint, size, count.  The last message of a first tenth of
+ * the count, and of the count after that, has two frames, which tells handlers to stop.
+ */
 _Noreturn static double source(char** args) {
     const size_t size = strtoul(args[1], NULL, 10);
+    const long count = atol(args[2]);
     char* bytes = payload(size);
     void* out = socket_connected(ZMQ_PUSH, args[0]);
-    for (;;) {
-        message_send(out, bytes, size, 1);
+    for (long i = 1;; i++) {
+        const int last = i == count / 10 || i == count / 10 + count;
+        message_send(out, bytes, size, last ? 2 : 1);
     }
 }
 
@@ -335,9 +305,8 @@ int main(int argc, char** argv) {
     } modes[] = {
         {"inproc", 4, inproc}, {"recv", 1, receive},    {"send", 2, transmit},
         {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 2, rtt},
-        {"echo", 0, echo},     {"sockets", 1, idle_sockets},
-        {"source", 2, source}, {"sink", 1, sink},       {"jobs", 2, employ},
-        {"worker", 6, worker},
+        {"echo", 0, echo},     {"source", 3, source},   {"sink", 1, sink},
+        {"jobs", 2, employ},   {"worker", 6, worker},
     };
     prctl(PR_SET_PDEATHSIG, SIGTERM); // a peer never outlives the driver
     context = zmq_ctx_new();

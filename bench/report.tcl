@@ -1,7 +1,11 @@
-# report.tcl -- what the driver makes of its samples: results, tables, plots.
+# report.tcl -- what the driver makes of its samples: rows, tables, plots.
 
-# The results: rows of {section name title unit subject median minimum maximum ratio
-# target met ratio-minimum ratio-maximum}.
+set titles {raw "raw C" bare "bare commands" pyzmq pyzmq plain "pyzmq, one frame"
+    after "Tcl's after" tclsh "tclsh alone" index "by pkgIndex.tcl"}
+
+proc title {subject} {
+    return [expr {[dict exists $::titles $subject] ? [dict get $::titles $subject] : $subject}]
+}
 
 proc median {values} {
     set sorted [lsort -real $values]
@@ -10,57 +14,87 @@ proc median {values} {
             : ([lindex $sorted $middle-1] + [lindex $sorted $middle]) / 2.0}]
 }
 
-# How the package, or another, compares in each round: milliseconds more for the start,
-# else how many times.
-proc comparisons {unit name subject {measured package}} {
-    set each {}
-    foreach ours $::samples($name,$measured) theirs $::samples($name,$subject) {
-        if {$unit eq "ms"} {
-            lappend each [expr {$ours - $theirs}]
-        } elseif {$theirs != 0} {
-            lappend each [expr {double($ours) / $theirs}]
+# What the quietest round gave.
+proc best {values unit} {
+    return [lindex [lsort -real $values] [expr {$unit eq "op/s" ? "end" : 0}]]
+}
+
+# How one subject's value compares with another's: milliseconds more, else how many times.
+proc comparison {ours theirs unit} {
+    if {$unit eq "ms"} {
+        return [expr {$ours - $theirs}]
+    }
+    return [expr {$theirs == 0 ? 0 : double($ours) / $theirs}]
+}
+
+# The median of the rounds' comparisons, and the comparison of the best rounds.
+proc compared {name unit subject reference} {
+    set ours $::samples($name,$subject)
+    set theirs $::samples($name,$reference)
+    set each [lmap a $ours b $theirs {comparison $a $b $unit}]
+    return [list [format %.3f [median $each]] \
+        [format %.3f [comparison [best $ours $unit] [best $theirs $unit] $unit]]]
+}
+
+# A target is met by the median, by the best rounds only, or not.
+proc verdict {ratios target unit} {
+    foreach ratio $ratios word {yes best} {
+        if {$unit eq "op/s" ? $ratio >= $target : $ratio <= $target} {
+            return $word
         }
     }
-    return [lsort -real $each]
+    return no
 }
 
-proc compared {args} {
-    set each [comparisons {*}$args]
-    if {[llength $each] == 0} {return ""}
-    return [format %.3f [median $each]]
-}
-
-proc bounds {args} {
-    set each [comparisons {*}$args]
-    if {[llength $each] == 0} {return {{} {}}}
-    return [list [format %.3f [lindex $each 0]] [format %.3f [lindex $each end]]]
-}
-
+# A dict for each output and subject of a measurement.
 proc results_of {measurement} {
-    lassign $measurement section workload peer outputs references
+    lassign $measurement section - - outputs references
     set rows {}
     foreach output $outputs {
         lassign $output name title unit own_target
         foreach subject [concat package [dict keys $references]] {
-            set values [lsort -real $::samples($name,$subject)]
-            lassign {} ratio target met
-            set bounds {{} {}}
+            set values $::samples($name,$subject)
+            set row [dict create section $section name $name title $title unit $unit \
+                subject $subject median [format %.6g [median $values]] \
+                best [format %.6g [best $values $unit]] \
+                least [format %.6g [lindex [lsort -real $values] 0]] \
+                greatest [format %.6g [lindex [lsort -real $values] end]] \
+                ratio "" best_ratio "" target "" met "" \
+                load [format %.2f [median $::loads($name)]]]
             if {$subject ne "package"} {
-                set ratio [compared $unit $name $subject]
-                set bounds [bounds $unit $name $subject]
+                set ratios [compared $name $unit package $subject]
+                lassign $ratios median best
+                dict set row ratio $median
+                dict set row best_ratio $best
                 set target [dict get $references $subject]
                 set target [expr {$target eq "" ? $own_target : $target}]
                 if {$target ne "-"} {
-                    set met [expr {($unit eq "ms" ? $ratio <= $target
-                            : $ratio >= $target) ? "yes" : "no"}]
+                    dict set row target $target
+                    dict set row met [verdict $ratios $target $unit]
                 }
             }
-            lappend rows [list $section $name $title $unit $subject \
-                [format %.6g [median $values]] [format %.6g [lindex $values 0]] \
-                [format %.6g [lindex $values end]] $ratio $target $met {*}$bounds]
+            lappend rows $row
         }
     }
     return $rows
+}
+
+# The rows whose fields have these values.
+proc select {rows args} {
+    foreach {field value} $args {
+        set rows [lmap row $rows {
+            if {[dict get $row $field] ne $value} continue
+            set row
+        }]
+    }
+    return $rows
+}
+
+# A field of the row with this name and subject, NaN where there is none.
+proc cell {rows field name {subject package}} {
+    set found [select $rows name $name subject $subject]
+    if {[llength $found] == 0} {return NaN}
+    return [dict get [lindex $found 0] $field]
 }
 
 # Writing.
@@ -78,15 +112,11 @@ proc short {value unit} {
 }
 
 proc first_match {pattern path} {
-    set f [open $path]
-    set found [regexp -line -inline $pattern [read $f]]
-    close $f
-    return [string trim [lindex $found 1]]
+    return [string trim [lindex [regexp -line -inline $pattern [read_file $path]] 1]]
 }
 
 proc machine {} {
-    set cores [llength [regexp -all -inline -line {^processor} [read [set f [open /proc/cpuinfo]]]]]
-    close $f
+    set cores [llength [regexp -all -inline -line {^processor} [read_file /proc/cpuinfo]]]
     set versions [exec /usr/bin/python3 -c \
         "import sys, zmq; print(zmq.zmq_version(), 'pyzmq', zmq.__version__, 'on Python', sys.version.split()\[0\])"]
     return "[first_match {^model name\s*: (.*)$} /proc/cpuinfo], $cores cores, [first_match \
@@ -94,155 +124,115 @@ proc machine {} {
         [info patchlevel], libzmq [string map {{ pyzmq} {, pyzmq}} $versions]"
 }
 
-# One Markdown table: a line an output, a column a subject.
-proc table {section rows} {
-    set rows [lsearch -all -inline -index 0 $rows $section]
-    set columns [lsort -unique [lmap row $rows {lindex $row 4}]]
-    set columns [lmap c {raw pyzmq plain bare copying after tclsh floor} {
-        if {$c ni $columns} continue
-        set c
-    }]
-    set titles {raw "raw C" pyzmq pyzmq plain "pyzmq, plain" bare "bare commands"
-        copying "bare commands that copy names" after "Tcl's after" tclsh "tclsh alone"
-        floor "an empty package"}
-    set how [expr {$section eq "start" ? "more" : "ratio"}]
-    set own [expr {$section eq "floor" ? "Tcl" : "this package"}]
-    set head "| workload | unit | $own | spread |"
-    set rule "|---|---|---:|---:|"
-    foreach c $columns {
-        append head " [dict get $titles $c] | $how, spread (target) |"
-        append rule "---:|---:|"
-    }
-    set lines [list "$head met |" "$rule---|"]
+# A ratio as its median and best, with its target.
+proc aimed {ratios {target ""}} {
+    return "[join [lmap ratio $ratios {format %.2f $ratio}] {, }][expr {
+        $target eq "" ? "" : " ($target)"}]"
+}
+
+# One Markdown table: a line an output; for each reference its median, the package's ratio
+# to it and, where bare commands took part, theirs.
+proc table {rows section} {
+    set rows [select $rows section $section]
+    set columns {}
     foreach row $rows {
-        lassign $row - name title unit subject median low high
-        if {$subject ne "package"} continue
-        set line "| $title | $unit | [short $median $unit] | [short $low $unit] to\
-            [short $high $unit] |"
-        set met ""
+        if {[dict get $row subject] ni [concat package bare $columns]} {
+            lappend columns [dict get $row subject]
+        }
+    }
+    set floor [expr {[llength [select $rows subject bare]] > 0}]
+    set head "| workload | unit | median, best |"
+    set rule "|---|---|---:|"
+    foreach c $columns {
+        append head " [title $c] | ratio (target) |"
+        append head [expr {$floor ? " bare commands |" : ""}]
+        append rule [expr {$floor ? "---:|---:|---:|" : "---:|---:|"}]
+    }
+    set lines [list "$head load | met |" "$rule---:|---|"]
+    foreach own [select $rows subject package] {
+        dict with own {}
+        set line "| $title | $unit | [short $median $unit], [short $best $unit] |"
+        set verdicts {}
         foreach c $columns {
-            set other [lsearch -inline -index 4 [lsearch -all -inline -index 1 $rows $name] $c]
+            set other [lindex [select $rows name $name subject $c] 0]
             if {$other eq ""} {
-                append line " | |"
+                append line [expr {$floor ? " | | |" : " | |"}]
                 continue
             }
-            lassign [lrange $other 8 end] ratio target ok least greatest
-            append line " [short [lindex $other 5] $unit] | $ratio"
-            append line [expr {$ratio eq "" ? "" : ", $least to $greatest"}]
-            append line [expr {$target in {"" -} ? " |" : " ($target) |"}]
-            if {$ok ne ""} {
-                lappend met $ok
+            dict with other {
+                append line " [short $median $unit] | [aimed [list $ratio $best_ratio] $target] |"
+                if {$met ne ""} {lappend verdicts $met}
+            }
+            if {$floor} {
+                append line [expr {[info exists ::samples($name,bare)]
+                    ? " [aimed [compared $name $unit bare $c]] |" : " |"}]
             }
         }
-        lappend lines "$line [join $met {, }] |"
+        lappend lines "$line $load | [join $verdicts {, }] |"
     }
     return [join $lines \n]
 }
 
-# How far raw C and bare commands come, beside the targets and what the package reaches.
-proc limits {rows} {
-    set lines {
-        "| workload | of raw C: bare commands | target | reached | times pyzmq: raw C | bare commands | target | reached |"
-        "|---|---:|---:|---:|---:|---:|---:|---:|"
-    }
-    foreach row $rows {
-        lassign $row section name - - subject
-        if {$section ne "throughput" || $subject ne "raw"} continue
-        foreach {bare what} {bare "" copying ", names copied"} {
-            if {![info exists ::samples($name,$bare)]} continue
-            set line "| $name$what"
-            foreach {peer limits} [list raw $bare pyzmq [list raw $bare]] {
-                foreach limit $limits {
-                    append line " | [compared op/s $name $peer $limit]"
-                }
-                append line " | [cell $rows 9 $name $peer] | [cell $rows 8 $name $peer]"
-            }
-            lappend lines "$line |"
-        }
-    }
-    return [join $lines \n]
-}
-
-proc report {rows machine} {
-    set text "# Results\n\n$machine.\n\n"
-    append text "Medians of $::rounds rounds, the subjects interleaved; a spread is the least\
-        and the greatest\nround; a ratio is the median of the rounds' ratios."
-    append text [expr {$::quick ? "  **Quick form: for a look, not for conclusions.**" : ""}]
-    append text "\n[file tail $::here]/README.md tells what each row measures.\n"
-    foreach {section title} {
-        throughput "Messages" timers "Timers against Tcl's own"
-        limits "What raw C and bare commands reach" floor "What nothing costs" start "Start and end" growth "What one costs, and how that grows"
+# What one costs, by how many there are.  Of few, memory is the size of a page.
+proc growth_table {rows} {
+    set lines {"| one of so many | 10 | 100 | 1,000 | 10,000 |" "|---|---:|---:|---:|---:|"}
+    foreach {kind what unit} {
+        sockets create us  sockets delete us  sockets memory bytes
+        timers create us  timers delete us  timers memory bytes
+        handlers create us  handlers delete us  handlers memory bytes
     } {
-        if {$section eq "limits" && [lsearch -index 4 $rows raw] >= 0} {
-            append text "\n## $title\n\n[limits $rows]\n"
-        } elseif {[lsearch -index 0 $rows $section] >= 0} {
-            append text "\n## $title\n\n[table $section $rows]\n"
+        lappend lines "| $kind: $what, $unit | [join [lmap count {10 100 1000 10000} {
+            set value [cell $rows median grow-$kind-$what-$count]
+            if {$value eq "NaN" || ($unit eq "bytes" && $count < 1000)} {
+                list
+            } else {
+                short $value $unit
+            }
+        }] { | }] |"
+    }
+    return [join $lines \n]
+}
+
+proc report {rows rounds} {
+    set text "# Results\n\n[machine]; [clock format [clock seconds] -format %Y-%m-%d -gmt 1].\n
+$rounds rounds, the subjects interleaved. A value is the median and the best of the rounds; a
+ratio compares this package (or, in its column, bare commands) with the subject to its left:
+the median of the rounds' ratios, and that of the best rounds. A target is met by the median
+(yes), by the best rounds only (best), or missed (no), in the order of the columns. The load
+is the number of processors that other programs kept busy meanwhile, the median of the
+rounds. [file tail $::here]/README.md tells what each row measures."
+    append text [expr {$::quick ? "\n\n**Quick form: for a look, not for conclusions.**" : ""}] \n
+    dict for {section title} $::sections {
+        if {[llength [select $rows section $section]] > 0} {
+            append text "\n## $title\n\n[expr {$section eq "growth" ? [growth_table $rows]
+                : [table $rows $section]}]\n"
         }
     }
     return $text
 }
 
-# A ratio with its target, as a field of a table.
-proc aimed {rows name subject {format %.2f}} {
-    set ratio [cell $rows 8 $name $subject]
-    set target [cell $rows 9 $name $subject]
-    if {$ratio eq "NaN"} {return ""}
-    return "[format $format $ratio][expr {$target in {NaN -} ? "" : " ($target)"}]"
-}
-
-# The rows of a section that are the package's: name, title, unit, median.
-proc own_rows {rows section} {
-    return [lmap row $rows {
-        if {[lindex $row 0] ne $section || [lindex $row 4] ne "package"} continue
-        list {*}[lrange $row 1 3] [lindex $row 5]
-    }]
-}
-
-# What the README shows: messages, timers, the start, and what one of so many costs.
-proc summary {rows machine} {
-    set lines [list "$machine; medians of $::rounds rounds." "" \
-        "| workload | a second | spread | of raw C (target) | times pyzmq (target) | times pyzmq, one frame | bare commands, of raw C |" \
-        "|---|---:|---:|---:|---:|---:|---:|"]
-    foreach row [own_rows $rows throughput] {
-        lassign $row name title unit median
-        lappend lines "| $title | [short $median $unit] |\
-            [short [cell $rows 6 $name package] $unit] to\
-            [short [cell $rows 7 $name package] $unit] | [aimed $rows $name raw] |\
-            [aimed $rows $name pyzmq] | [aimed $rows $name plain] |\
-            [format %.2f [compared $unit $name raw bare]] |"
+# What the README shows: five lines and a plot.
+proc summary {rows} {
+    set lines [list "[machine]; the median of the rounds, and the best:" ""]
+    foreach {name what} {
+        inproc-64 "64 B to itself over inproc, sent and received"
+        recv-64 "64 B received over tcp" reactor-0 "64 B over tcp, each by a handler of the reactor"
+        jobs "jobs of 1 KiB through examples/worker.tcl"
+    } {
+        lappend lines "* $what: [short [cell $rows median $name] op/s], [short [cell $rows \
+            best $name] op/s] a second; [aimed [compared $name op/s package raw]] of raw C,\
+            [aimed [compared $name op/s package pyzmq]] times pyzmq."
     }
-    lappend lines "" "| timers | a second | times Tcl's own (target) |" "|---|---:|---:|"
-    foreach row [own_rows $rows timers] {
-        lassign $row name title unit median
-        lappend lines "| $title | [short $median $unit] | [aimed $rows $name after] |"
-    }
-    lappend lines "" "A new tclsh, `package require zmq`, and exit:\
-        [aimed $rows start-end tclsh %.1f] ms more than tclsh alone, without the pause of\
-        100 ms at the end of the context; with bare commands\
-        [format %.1f [compared ms start-end tclsh bare]] ms more." "" \
-        "| one of so many | 10 | 100 | 1,000 | 10,000 |" "|---|---:|---:|---:|---:|"
-    foreach kind {sockets timers handlers} {
-        foreach {what unit} {create us delete us memory bytes} {
-            lappend lines "| $kind: $what, $unit | [join [lmap count \
-                {10 100 1000 10000} {
-                    set value [cell $rows 5 grow-$kind-$what-$count package]
-                    # Of few, memory is the size of a page.
-                    if {$value eq "NaN" || ($unit eq "bytes" && $count < 1000)} {
-                        list
-                    } else {
-                        short $value $unit
-                    }
-                }] { | }] |"
-        }
-    }
+    lappend lines "* One more timer where 100,000 stand: [aimed [compared \
+        timers-random-100000 op/s package after]] times Tcl's `after`; `package require zmq`\
+        and exit, installed: [aimed [compared start-end ms package tclsh]] ms." "" \
+        "!\[Messages per second as a share of raw C\](bench/throughput.svg)"
     return [join $lines \n]
 }
 
 # Replaces what stands between the two marks.
 proc show_in {path text} {
-    set f [open $path]
-    set old [read $f]
-    close $f
+    set old [read_file $path]
     lassign {"<!-- measured -->\n" "\n\n<!-- end of measured -->"} from to
     set start [expr {[string first $from $old] + [string length $from]}]
     write_file $path "[string range $old 0 $start-1]$text[string range $old \
@@ -256,14 +246,13 @@ proc write_file {path text} {
 }
 
 proc csv {rows} {
-    set text "section,name,workload,unit,subject,median,minimum,maximum,compared,target,met"
-    append text ",compared minimum,compared maximum\n"
+    set lines [list [join [dict keys [lindex $rows 0]] ,]]
     foreach row $rows {
-        append text [join [lmap field $row {
+        lappend lines [join [lmap field [dict values $row] {
             expr {[string match *,* $field] ? "\"$field\"" : $field}
-        }] ,] \n
+        }] ,]
     }
-    return $text
+    return "[join $lines \n]\n"
 }
 
 # The plots.
@@ -281,16 +270,6 @@ proc datablock {name xs columns cell} {
     return "${text}END\n"
 }
 
-# A field of the row with this name and subject, NaN where there is none.
-proc cell {rows field name subject} {
-    foreach row $rows {
-        if {[lindex $row 1] eq $name && [lindex $row 4] eq $subject} {
-            return [lindex $row $field]
-        }
-    }
-    return NaN
-}
-
 proc gnuplot {path lines} {
     exec gnuplot << "set terminal svg noenhanced size 900,420 font 'sans-serif,12' \
         background 'white'\n set output '$path'\n set grid y\n set key below\n $lines" 2>@stderr
@@ -299,33 +278,30 @@ proc gnuplot {path lines} {
 # Each workload as a share of what raw C reaches.
 proc share {name subject} {
     if {![info exists ::samples($name,$subject)]} {return NaN}
-    return [compared op/s $name raw $subject]
+    return [lindex [compared $name op/s $subject raw] 0]
 }
 
 proc idle_cell {rows count column} {
     lassign $column workload subject
-    return [cell $rows 5 $workload-$count $subject]
+    return [cell $rows median $workload-$count $subject]
 }
 
 proc grow_cell {rows count column} {
-    return [cell $rows 5 grow-$column-$count package]
+    return [cell $rows median grow-$column-$count]
 }
 
 proc plot {directory rows} {
-    set names [lmap row $rows {
-        if {[lindex $row 0] ne "throughput" || [lindex $row 4] ne "raw"
-            || [regexp {^(reactor|poll)-} [lindex $row 1]]} continue
-        lindex $row 1
-    }]
-    gnuplot [file join $directory throughput.svg] "[datablock d $names {package pyzmq plain} \
-        share]
+    set names [lmap row [select $rows section throughput subject raw] {dict get $row name}]
+    set names [lsearch -all -inline -not -regexp $names {^(reactor|poll)-[1-9]}]
+    gnuplot [file join $directory throughput.svg] "[datablock d $names \
+        {package bare pyzmq plain} share]
         set title 'Messages per second as a share of raw C'
         set style data histogram\n set style fill solid 0.8\n set yrange \[0:*\]
         set arrow 1 from graph 0, first 1 to graph 1, first 1 nohead
-        plot \$d using 2:xtic(1) title 'this package', '' using 3 title 'pyzmq, multipart', \\
-            '' using 4 title 'pyzmq, plain'"
+        plot \$d using 2:xtic(1) title 'this package', '' using 3 title 'bare commands', \\
+            '' using 4 title 'pyzmq, multipart', '' using 5 title 'pyzmq, one frame'"
     set columns {{reactor package} {poll package} {reactor raw} {reactor pyzmq}}
-    gnuplot [file join $directory idle.svg] "[datablock d {0 30 200 1000} $columns \
+    gnuplot [file join $directory idle.svg] "[datablock d {0 30 1000} $columns \
         [list idle_cell $rows]]
         set title 'One busy socket beside idle ones'\n set xlabel 'idle sockets'
         set ylabel 'messages per second'\n set logscale y\n set style data linespoints

@@ -1,218 +1,131 @@
 # run.tcl -- the driver: tclsh run.tcl build-directory ?--quick? ?name ...?
 #
-# A measurement is run once by every subject that takes part, one after the other, and
-# all that again in each round, the subject that begins changing from round to round:
-# what the machine does meanwhile meets all alike.  A ratio is the median of the rounds'
-# own ratios.  A name is a pattern over the rows.
+# The files in rows/ declare sections and measurements.  In a round every measurement is
+# made once by each subject that takes part, one after the other, the subject that begins
+# changing from round to round: what the machine does meanwhile meets all alike, and a
+# busy minute spoils one round of a row and not all of them.  A name is a pattern over the
+# rows, or a section.
 
 set here [file dirname [file normalize [info script]]]
 set names [lassign $argv build]
 set quick [expr {"--quick" in $names}]
 set names [lsearch -all -inline -not -exact $names --quick]
-set rounds [expr {$quick ? 3 : 9}]
-set seconds [expr {$quick ? 0.04 : 0.5}] ;# that one measurement takes, about
+set seconds [expr {$quick ? 0.04 : 0.4}] ;# that one measurement takes, about
+set least 3                              ;# rounds
+set most [expr {$quick ? 3 : 15}]        ;# rounds
+set limit 500                            ;# seconds in which a round begins
 set env(TCLLIBPATH) [list $build]
+set tclsh [info nameofexecutable]
 set raw [file join $build bench raw]
-set tcl [list [info nameofexecutable] [file join $here zmq.tcl]]
-set python [list /usr/bin/python3 [file join $here pyzmq.py]]
-set subjects [dict create \
-    package [concat $tcl zmq] bare [concat $tcl bare] raw $raw \
-    copying [concat env BARE_COPIES=1 $tcl bare] \
-    pyzmq [concat $python multipart] plain [concat $python plain] after [concat $tcl zmq]]
-set worker [file join [file dirname $here] examples worker.tcl]
-set workers [dict create \
-    package [list [info nameofexecutable] $worker] bare [concat $tcl bare worker [list $worker]] \
-    raw [list $raw worker] pyzmq [list /usr/bin/python3 [file join $here worker.py]]]
-source [file join $here report.tcl]
 
-# The rows.  A measurement is {section workload peer outputs references}: workload is what
-# the subject's program is called with (the number of operations follows unless the peer
-# is "none"), peer the C program at the other end, an output {name title unit}, a
-# reference {subject target}, the target "-" where the value is shown for information.
+# What is measured, and on what.
 
+# section name title: a table of the report, in the order of the declarations
+set sections {}
+proc section {name title} {
+    dict set ::sections $name $title
+}
+
+# measurement section pilot command outputs references
+#   pilot       operations of the short run by which the number is found that takes as
+#               long as wanted; 0: the command needs no number
+#   command     is called with a subject and that number, and returns a value an output
+#   outputs     a list of {name title unit ?target?}; op/s is better when it is higher,
+#               ms (compared by the difference) and other units when they are lower
+#   references  the subjects beside "package", each with the target of the package's
+#               ratio to it: "" the output's own, "-" none
 set measurements {}
-
-proc throughput {name title workload peer raw pyzmq args} {
-    lappend ::measurements [list throughput $workload $peer \
-        [list [list $name $title op/s]] [dict create raw $raw pyzmq $pyzmq bare - {*}$args]]
+proc measurement {args} {
+    lappend ::measurements $args
 }
 
-throughput inproc-64 "one thread, inproc, 64 B: send, then receive" \
-    {inproc 64 1 0} "" 0.40 6 plain -
-throughput inproc-64k "one thread, inproc, 64 KiB: send, then receive" \
-    {inproc 65536 1 1} "" 0.80 1.3 plain -
-foreach {name title size target pyzmq} {
-    64 "64 B" 64 0.60 5  1k "1 KiB" 1024 0.95 2  64k "64 KiB" 65536 0.85 1.05
-} {
-    throughput recv-$name "receive over tcp, $title" recv [list source $size] \
-        $target $pyzmq plain -
-}
-throughput send-64 "send over tcp, 64 B" {send 64} sink 0.80 4 plain -
-throughput send-1k "send over tcp, 1 KiB" {send 1024} sink 0.95 1.2 plain -
-throughput multipart "one thread, inproc, 10 frames of 64 B" {inproc 64 10 0} "" 0.40 4
-throughput reactor "reactor: a message per handler call, tcp, 64 B" {reactor 0} \
-    {source 64} 0.60 2 plain -
-throughput rtt "REQ/REP echo round trip over tcp" rtt echo 0.97 1.05 plain -
-foreach {idle target pyzmq polled} {
-    0 0.75 1.5 0.50  30 0.95 1.1 0.85  200 0.98 1.1 0.95  1000 0.98 1.1 0.95
-} {
-    throughput reactor-$idle "reactor, $idle idle sockets and a busy one" \
-        [list reactor $idle] {source 64} $target $pyzmq
-    throughput poll-$idle "::zmq::poll, $idle idle sockets and a busy one" \
-        [list poll $idle] {source 64} $polled $pyzmq copying -
+# The programs that the commands run.
+
+proc start {command} {
+    return [open |[concat timeout 300 $command [list 2>@stderr]] r]
 }
 
-lappend measurements {throughput {jobs 1024} job
-    {{jobs "a job through examples/worker.tcl, end to end, 1 KiB" op/s}}
-    {raw - pyzmq 2 bare -}}
-
-set repeat [expr {$quick ? 10 : 100}]
-foreach {count workload repeat one} [list 1000 timers $repeat ""  100000 standing {} "one more, "] {
-    set outputs {}
-    foreach {name title target} {
-        rising "later than all" 5  random "at random" 1  cancel "cancel by id at random" 1
-    } {
-        set what [expr {$name eq "cancel" ? "" : "schedule "}]
-        lappend outputs [list timers-$name-$count "$count timers: $one$what$title" op/s $target]
-    }
-    lappend measurements \
-        [list timers [list $workload @subject $count {*}$repeat] none $outputs {after {}}]
-    lappend measurements [list timers [list due @subject $count] none \
-        [list [list timers-run-$count "$count timers: run all" op/s 1]] {after {}}]
-}
-
-lappend measurements [list floor [list floor [file join $build bench libfloor.so]] none {
-    {floor-loop "an empty turn of a loop" ns}
-    {floor-send "a command that does nothing, called as send is" ns}
-    {floor-recv "a command that returns a list of fixed bytes, called as recv is" ns}
-    {floor-handler "a handler that calls it, evaluated after a poll" ns}
-} {}]
-
-lappend measurements [list start "" start {
-    {start "start: until the package is there" ms -}
-    {end "end: from exit until the process is gone" ms -}
-    {start-end "start and end, without the pause of 100 ms" ms 5}
-} {tclsh {} floor - bare -}]
-
-foreach {kind counts references} {
-    sockets {10 100 1000} {raw - pyzmq -}
-    timers {10 100 1000 10000} {}
-    handlers {10 100 1000 10000} {}
-} {
-    foreach count $counts {
-        set outputs {}
-        foreach {what unit} {create us delete us memory bytes} {
-            lappend outputs [list grow-$kind-$what-$count "$count $kind: $what one" $unit]
-        }
-        lappend measurements \
-            [list growth [list grow $kind $count] none $outputs $references]
-    }
-}
-
-# Measuring.
-
-# The values that a subject prints; its peer is started in between when it has one.
-proc run {subject workload peer count} {
-    set command [concat timeout 300 [dict get $::subjects $subject] $workload]
-    set peers {}
-    if {$peer eq "echo"} {
-        set server [open |[concat timeout 300 [dict get $::subjects $subject] echo] r]
-        lappend command [gets $server]
-    }
-    if {$peer ne "none"} {
-        lappend command $count
-    }
-    if {$peer eq "job"} {
-        set command [list timeout 300 $::raw {*}$workload $count]
-    }
-    set f [open |[concat $command 2>@stderr] r]
-    if {$peer eq "job"} {
-        set peers [exec timeout 300 {*}[dict get $::workers $subject] -jobs [gets $f] \
-            -results [gets $f] -dead [gets $f] &]
-    } elseif {[lindex $peer 0] in {source sink}} {
-        set peers [exec $::raw [lindex $peer 0] [gets $f] {*}[lrange $peer 1 end] &]
-    }
-    set got [gets $f line]
-    foreach process [concat $peers [pid $f]] {
-        catch {exec sh -c "kill $process"}
-    }
-    catch {close $f}
-    if {[info exists server]} {
-        exec sh -c "kill [pid $server]"
-        catch {close $server}
-    }
-    if {$got < 0 || [lindex $line 0] ne "value"} {
-        error "no value from $subject $workload"
+# The values that a program prints; it and those that serve it are ended.
+proc values {program {helpers {}}} {
+    set line ""
+    while {[lindex $line 0] ne "value" && [gets $program line] >= 0} {}
+    finish $program {*}$helpers
+    if {[lindex $line 0] ne "value"} {
+        error "a program ended without a value"
     }
     return [lrange $line 1 end]
 }
 
-# Milliseconds to start a tclsh, without or with a package, to end it, and their sum
-# without the pause that the end of the context takes.  The package "floor" is empty: what
-# it costs is Tcl's own search for packages; "bare" loads libzmq as well.
-proc run_start {subject} {
-    set load [dict get {tclsh "" floor "package require floor" bare "package require bare"
-        package "package require zmq"} $subject]
-    set start [clock microseconds]
-    set ready [exec [info nameofexecutable] << "$load\nputs \[clock microseconds\]\nexit"]
-    set end [clock microseconds]
-    set pause [expr {$subject eq "package" ? 100000 : 0}]
-    return [lmap us [list [expr {$ready - $start}] [expr {$end - $ready}] \
-            [expr {$end - $start - $pause}]] {expr {$us / 1e3}}]
+proc finish {args} {
+    foreach program $args {
+        catch {exec sh -c "kill [pid $program]"}
+        catch {close $program}
+    }
 }
 
-proc measure {subject workload peer count} {
-    if {$peer eq "start"} {
-        return [run_start $subject]
+# Processors that others kept busy since the last call, from the counters of the kernel.
+# What it does for interrupts belongs to nobody, so it is left out.
+proc others {} {
+    lassign [lrange [read_file /proc/stat] 1 8] user nice system - - - - steal
+    set own 0
+    foreach ticks [lrange [regsub {.*\) } [read_file /proc/self/stat] ""] 11 14] {
+        incr own $ticks
     }
-    set workload [string map [list @subject $subject] $workload]
-    if {[lindex $workload 1] eq "sockets" && $subject ne "package"} {
-        set workload [lrange $workload 1 end]
-    }
-    return [run $subject $workload $peer $count]
+    set busy [expr {$user + $nice + $system + $steal - $own}]
+    set now [clock microseconds]
+    lassign [expr {[info exists ::before] ? $::before : [list $busy $now]}] busy0 then
+    set ::before [list $busy $now]
+    return [expr {max(0, ($busy - $busy0) * 1e4 / max(1, $now - $then))}] ;# 100 ticks a second
 }
 
-# Operations that take about the time wanted, by a short run.  What is sent must outgrow
-# the queues and buffers on its way.
-proc calibrate {subject workload peer} {
-    if {$peer in {none start}} {
+proc read_file {path} {
+    set f [open $path]
+    set text [read $f]
+    close $f
+    return $text
+}
+
+proc calibrate {subject measurement} {
+    lassign $measurement - pilot command
+    if {$pilot == 0} {
         return 0
     }
-    lassign $workload name idle
-    set pilot [expr {$name in {send jobs} ? 20000 : 2000}]
-    if {$name in {reactor poll} && $idle >= 200} {
-        set pilot 300
-    }
-    set rate [lindex [measure $subject $workload $peer $pilot] 0]
+    set rate [lindex [{*}$command $subject $pilot] 0]
     return [expr {max($pilot, int($rate * $::seconds))}]
 }
 
-# samples(output,subject): one value a round.
-proc measure_all {measurement} {
-    lassign $measurement section workload peer outputs references
+# samples(output,subject): one value a round; loads(output): one for each subject's turn.
+proc measure {measurement round} {
+    lassign $measurement - - command outputs references
     set order [concat package [dict keys $references]]
-    set counts {}
-    foreach subject $order {
-        dict set counts $subject [calibrate $subject $workload $peer]
-    }
-    for {set round 0} {$round < $::rounds} {incr round} {
-        foreach subject $order {
-            set values [measure $subject $workload $peer [dict get $counts $subject]]
-            foreach output $outputs value $values {
-                lappend ::samples([lindex $output 0],$subject) $value
-            }
+    set first [expr {$round % [llength $order]}]
+    foreach subject [concat [lrange $order $first end] [lrange $order 0 $first-1]] {
+        if {![info exists ::operations($measurement,$subject)]} {
+            set ::operations($measurement,$subject) [calibrate $subject $measurement]
         }
-        set order [concat [lrange $order 1 end] [list [lindex $order 0]]]
+        others
+        set values [{*}$command $subject $::operations($measurement,$subject)]
+        set load [others]
+        foreach output $outputs value $values {
+            lappend ::samples([lindex $output 0],$subject) $value
+            lappend ::loads([lindex $output 0]) $load
+        }
     }
 }
 
 # Running.
 
+source [file join $here report.tcl]
+foreach file {messages timers start} {
+    source [file join $here rows $file.tcl]
+}
 set selected {}
 foreach measurement $measurements {
-    set outputs [lmap output [lindex $measurement 3] {lindex $output 0}]
+    set rows [concat [list [lindex $measurement 0]] [lmap output [lindex $measurement 3] {
+        lindex $output 0
+    }]]
     foreach name [expr {[llength $names] > 0 ? $names : "*"}] {
-        if {$name eq [lindex $measurement 0] || [lsearch -glob $outputs $name] >= 0} {
+        if {[lsearch -glob $rows $name] >= 0} {
             lappend selected $measurement
             break
         }
@@ -225,29 +138,34 @@ if {[llength $selected] == 0} {
     }
     exit 1
 }
-set machine [machine]
-puts "$machine, $rounds rounds"
-set rows {}
-foreach measurement $selected {
-    measure_all $measurement
-    set new [results_of $measurement]
-    foreach row $new {
-        lassign $row - name - unit subject median low high ratio target met
-        puts [format "%-26s %-8s %12s %-5s  %9s to %-9s %8s %5s %s" $name $subject \
-            [short $median $unit] $unit [short $low $unit] [short $high $unit] \
-            $ratio $target $met]
+puts [machine]
+set begin [clock seconds]
+for {set round 0} {$round < $most} {incr round} {
+    if {$round >= $least && [clock seconds] - $begin > $limit * $round / ($round + 1.0)} break
+    foreach measurement $selected {
+        measure $measurement $round
     }
-    lappend rows {*}$new
+    puts "round [expr {$round + 1}]: [expr {[clock seconds] - $begin}] s,\
+        load average [lindex [read_file /proc/loadavg] 0]"
+}
+set rows [concat {*}[lmap measurement $selected {results_of $measurement}]]
+foreach row $rows {
+    dict with row {
+        puts [format "%-26s %-9s %10s best %10s %-5s %8s best %8s %5s %4s load %.2f" $name \
+            $subject [short $median $unit] [short $best $unit] $unit $ratio $best_ratio \
+            $target $met $load]
+    }
 }
 
 # Only a full run replaces what the documentation shows.
-set directory [expr {$quick || [llength $names] > 0 ? [file join $build bench] : $here}]
+set full [expr {!$quick && [llength $names] == 0}]
+set directory [expr {$full ? $here : [file join $build bench]}]
 write_file [file join $directory results.csv] [csv $rows]
-write_file [file join $directory results.md] [report $rows $machine]
+write_file [file join $directory results.md] [report $rows $round]
 if {[llength $names] == 0} {
     plot $directory $rows
 }
-if {$directory eq $here} {
-    show_in [file join [file dirname $here] README.md] [summary $rows $machine]
+if {$full} {
+    show_in [file join [file dirname $here] README.md] [summary $rows]
 }
 puts "written: [file join $directory results.md]"
