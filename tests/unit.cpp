@@ -28,10 +28,7 @@ Tcl_Time at(long sec, long usec) {
     return time;
 }
 
-} // namespace
-
 /* An interpreter with the package, for tests that need the stubs. */
-Tcl_Interp* unit_interp();
 Tcl_Interp* unit_interp() {
     static Tcl_Interp* interp = [] {
         Tcl_FindExecutable(nullptr);
@@ -41,6 +38,8 @@ Tcl_Interp* unit_interp() {
     }();
     return interp;
 }
+
+} // namespace
 
 TEST(Clock, DifferenceForTimeout) {
     const struct {
@@ -135,46 +134,6 @@ TEST(Stores, OneSignalStoreAThread) {
     pv_event_unregister_fd(reactor, 12345, 2);
     EXPECT_EQ(pv_event_register_fd(reactor, 12346, 1), first);
     pv_event_unregister_fd(reactor, 12346, 1);
-}
-
-/* A poll waits until the first task is due, and no longer than the setting says. */
-TEST(Timers, TimeoutForThePoll) {
-    const struct {
-        const char* setting;
-        const char* task;
-        long least;
-        long most;
-    } rows[] = {
-        {"5000", nullptr, 5000, 5000},
-        {"-1", nullptr, -1, -1},
-        {"5000", "60000", 4999, 5000},
-        {"-1", "60000", 50000, 60000},
-        {"60000", "30000", 20000, 30000},
-        {"5000", "0", 0, 0},
-        {"-1", "-1000", 0, 0},
-    };
-    Tcl_Interp* interp = unit_interp();
-    auto eval = [interp](const std::string& script) {
-        EXPECT_EQ(Tcl_EvalEx(interp, script.c_str(), -1, TCL_EVAL_GLOBAL), TCL_OK)
-            << Tcl_GetStringResult(interp);
-    };
-    eval("::qel::reactor stop");
-    PVTimer* store = pv_timer(nullptr);
-    for (const auto& row : rows) {
-        eval(std::string("::qel::reactor timeout ") + row.setting);
-        if (row.task != nullptr) {
-            eval(std::string("set id [::qel::reactor after ") + row.task + " x]");
-        }
-        pv_timer_running(store, true);
-        const long timeout = pv_schedule_timeout(store);
-        pv_timer_running(store, false);
-        EXPECT_GE(timeout, row.least) << row.setting << " " << row.task;
-        EXPECT_LE(timeout, row.most) << row.setting << " " << row.task;
-        if (row.task != nullptr) {
-            eval("::qel::reactor after cancel $id");
-        }
-    }
-    EXPECT_EQ(pv_schedule_timeout(store), 0);
 }
 
 TEST(Sockets, RecordsAndTypes) {

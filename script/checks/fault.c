@@ -8,6 +8,9 @@
  *   fault off                              gives how often the armed function failed
  *   fault left                             gives how many of its calls it has let pass
  *   fault version major minor patch        what zmq_version tells the library from here on
+ *   fault waits ?on?                       from "on": the library waits for no descriptor, as
+ *                                          a list of milliseconds, and only that moves the
+ *                                          clock; without it: gives the list and ends this
  *
  * A function that releases something releases it before it reports failure.
  */
@@ -15,6 +18,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -85,7 +89,6 @@ INT_CALL(zmq_send, (void* s, const void* b, size_t n, int f), (s, b, n, f))
 INT_CALL(zmq_recv, (void* s, void* b, size_t n, int f), (s, b, n, f))
 INT_CALL(zmq_msg_init, (zmq_msg_t * m), (m))
 INT_CALL(zmq_msg_recv, (zmq_msg_t * m, void* s, int f), (m, s, f))
-INT_CALL(zmq_poll, (zmq_pollitem_t * i, int n, long t), (i, n, t))
 INT_CALL(signalfd, (int fd, const sigset_t* m, int f), (fd, m, f))
 INT_CALL(sigaction, (int s, const struct sigaction* a, struct sigaction* o), (s, a, o))
 INT_CALL(sigpending, (sigset_t * s), (s))
@@ -98,6 +101,49 @@ INT_CALL(usleep, (useconds_t u), (u))
 INT_CALL(getrlimit, (__rlimit_resource_t r, struct rlimit* l), (r, l))
 INT_CALL(setvbuf, (FILE * f, char* b, int m, size_t n), (f, b, m, n))
 INT_CALL(gettimeofday, (struct timeval * t, void* z), (t, z))
+
+/* Waits that move a clock instead; a wait beyond the last is interrupted after an hour. */
+#define WAITS_MAX 30
+static struct {
+    int on;
+    int count;
+    long ms[WAITS_MAX];
+    Tcl_Time now;
+} waits;
+
+static int wait_instead(long ms) {
+    const int full = waits.count == WAITS_MAX;
+    if (!full) {
+        waits.ms[waits.count++] = ms;
+    }
+    ms = full ? 3600000 : ms;
+    waits.now.sec += ms / 1000 + (waits.now.usec + ms % 1000 * 1000) / 1000000;
+    waits.now.usec = (waits.now.usec + ms % 1000 * 1000) % 1000000;
+    errno = EINTR;
+    return full ? -1 : 0;
+}
+
+static void waits_clock(Tcl_Time* now, ClientData unused) {
+    (void) unused;
+    *now = waits.now;
+}
+
+static void waits_scale(Tcl_Time* time, ClientData unused) {
+    (void) unused;
+    (void) time;
+}
+
+int zmq_poll(zmq_pollitem_t* items, int n, long ms) {
+    if (FAILS("zmq_poll")) {
+        return -1;
+    }
+    return waits.on && n == 0 ? wait_instead(ms) : REAL(zmq_poll)(items, n, ms);
+}
+
+int poll(struct pollfd* items, nfds_t n, int ms) {
+    const int theirs = !waits.on || n > 0 || !ours(__builtin_return_address(0));
+    return theirs ? REAL(poll)(items, n, ms) : wait_instead(ms);
+}
 
 /* These release before they fail. */
 #define RELEASING_CALL(name, param, arg)                                               \
@@ -167,12 +213,16 @@ size_t zmq_msg_size(const zmq_msg_t* m) {
     return FAILS("zmq_msg_size") ? SIZE_MAX / 2 : REAL(zmq_msg_size)(m);
 }
 
-/* Error 0 makes a short read. */
+/* Error 0 makes a short read, -1 a report of a signal whose number no signal has. */
 ssize_t read(int fd, void* buffer, size_t size) {
-    if (FAILS("read")) {
-        return armed.error != 0 ? -1 : 7;
+    if (!FAILS("read")) {
+        return REAL(read)(fd, buffer, size);
     }
-    return REAL(read)(fd, buffer, size);
+    if (armed.error == -1) {
+        memset(buffer, 0x3f, size);
+        return (ssize_t) size;
+    }
+    return armed.error != 0 ? -1 : 7;
 }
 
 int vasprintf(char** text, const char* fmt, va_list args) {
@@ -240,6 +290,26 @@ static void stubs_replace(void) {
     stubs->tcl_CreateObjCommand = fault_tcl_CreateObjCommand;
 }
 
+/* Begins to write down waits, or ends it and gives them. */
+static int waits_turn(Tcl_Interp* interp, int on) {
+    static Tcl_GetTimeProc* get;
+    static Tcl_ScaleTimeProc* scale;
+    Tcl_Obj* list = Tcl_NewListObj(0, NULL);
+    if (on) {
+        Tcl_QueryTimeProc(&get, &scale, NULL);
+        waits.count = 0;
+        waits.now.sec = 1000000000;
+        waits.now.usec = 0;
+    }
+    waits.on = on;
+    Tcl_SetTimeProc(on ? waits_clock : get, on ? waits_scale : scale, NULL);
+    for (int i = 0; i < waits.count; i++) {
+        Tcl_ListObjAppendElement(NULL, list, Tcl_NewLongObj(waits.ms[i]));
+    }
+    Tcl_SetObjResult(interp, list);
+    return TCL_OK;
+}
+
 static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]) {
     (void) unused;
@@ -250,6 +320,9 @@ static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
             }
         }
         return TCL_OK;
+    }
+    if (objc > 1 && strcmp(Tcl_GetString(objv[1]), "waits") == 0) {
+        return waits_turn(interp, objc > 2);
     }
     if (objc == 2) {
         const int left = strcmp(Tcl_GetString(objv[1]), "left") == 0;
