@@ -26,6 +26,9 @@ set(parvo_program ${parvo_file} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 string(SUBSTRING "${PARVO_MAN_SECTION}" 0 1 parvo_man)
 set(parvo_mandir "share/man/man${parvo_man}")
 set(parvo_places "${PARVO_LIBDIR}/zmq${PROJECT_VERSION};${PARVO_DOCDIR};${parvo_mandir}")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  list(APPEND parvo_places "${parvo_tmdir}/zmq")
+endif()
 install(CODE "
   foreach(place IN ITEMS ${parvo_places})
     set(place \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/\${place}\")
@@ -40,16 +43,22 @@ install(CODE "
     endforeach()
   endforeach()")
 
-install(TARGETS parvo DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
+install(TARGETS parvo parvoextra DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES "${PROJECT_BINARY_DIR}/pkgIndex.tcl"
   DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 # A Tcl module beside it: Tcl looks for modules first, and for a package reads the index of
 # every package on the machine.  The default module paths of Debian's tclsh are below /usr.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-  file(RELATIVE_PATH parvo_place "/${parvo_tmdir}" "/${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
-  file(WRITE "${PROJECT_BINARY_DIR}/zmq-${PROJECT_VERSION}.tm"
-    "load [file join [file dirname [info script]] ${parvo_place} lib${parvo_library}.so] Parvo\n")
-  install(FILES "${PROJECT_BINARY_DIR}/zmq-${PROJECT_VERSION}.tm" DESTINATION "${parvo_tmdir}")
+  function(parvo_module name library prefix)
+    set(module "${parvo_tmdir}/${name}-${PROJECT_VERSION}.tm")
+    get_filename_component(directory "${module}" DIRECTORY)
+    file(RELATIVE_PATH place "/${directory}" "/${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
+    file(WRITE "${PROJECT_BINARY_DIR}/modules/${module}"
+      "load [file join [file dirname [info script]] ${place} lib${library}.so] ${prefix}\n")
+    install(FILES "${PROJECT_BINARY_DIR}/modules/${module}" DESTINATION "${directory}")
+  endfunction()
+  parvo_module(zmq "${parvo_library}" Parvo)
+  parvo_module(zmq/extra "${parvo_library}extra" Parvoextra)
 endif()
 # The scripts at the top, and a main.tcl further down, are programs.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
@@ -85,7 +94,7 @@ add_custom_command(OUTPUT changelog.gz changelog.Debian.gz
 add_custom_target(installed_texts ALL DEPENDS "${PROJECT_BINARY_DIR}/README.md" changelog.gz)
 # All that is installed, and no test.
 add_custom_target(installable)
-add_dependencies(installable parvo installed_texts)
+add_dependencies(installable parvo parvoextra installed_texts)
 install(FILES "${PROJECT_BINARY_DIR}/README.md" "${PROJECT_BINARY_DIR}/changelog.gz"
   DESTINATION "${PARVO_DOCDIR}")
 install(FILES LICENSE RENAME copyright DESTINATION "${PARVO_DOCDIR}")

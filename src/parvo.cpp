@@ -150,6 +150,7 @@ int Parvo_Init(Tcl_Interp* interp) {
     }
     Tcl_CreateThreadExitHandler(pv_exit_handler, nullptr);
     commands_install(interp);
+    pv_socket_access_offer(interp);
     Tcl_PkgProvideEx(interp, "zmq", PARVO_VERSION, nullptr);
     return TCL_OK;
 }

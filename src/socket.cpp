@@ -15,6 +15,7 @@
 #include "debugging.h"
 #include "reactor.h"
 #include "signal_block.h"
+#include "socket_access.h"
 #include "socket_methods.h"
 #include "socket_record.h"
 #include "socket_reuse.h"
@@ -86,6 +87,19 @@ Tcl_Command token_of(Tcl_HashTable* table, Tcl_HashEntry* entry) {
     return reinterpret_cast<Tcl_Command>(Tcl_GetHashKey(table, entry));
 }
 
+/* Closes a ZeroMQ socket, and tells the monitor of its record (null allowed). */
+void socket_close(void* socket, PVSockData* d) {
+    zmq_close(socket);
+    if (d == nullptr) {
+        return;
+    }
+    d->socket = nullptr;
+    if (d->monitor != nullptr) {
+        d->monitor_end(d->monitor);
+        d->monitor = nullptr;
+    }
+}
+
 /* Closes what is still in the table and marks the records, which stay. */
 void pv_sockets_destroy_entries(Tcl_HashTable* table) {
     Tcl_HashSearch search;
@@ -94,11 +108,10 @@ void pv_sockets_destroy_entries(Tcl_HashTable* table) {
         PVSockData* d = record_of(token_of(table, entry));
         if (d != nullptr) {
             pv_reactor_unregister_socket(d->reactor, d->socket);
-            d->socket = nullptr;
             d->entry = nullptr;
         }
         pv_ctx_default_for_socket_destroy(nullptr);
-        zmq_close(Tcl_GetHashValue(entry));
+        socket_close(Tcl_GetHashValue(entry), d);
     }
 }
 
@@ -150,9 +163,8 @@ void pv_socket_delete(ClientData clientData) {
         if (d->reactor != nullptr) {
             pv_reactor_unregister_socket(d->reactor, d->socket);
         }
-        zmq_close(d->socket);
+        socket_close(d->socket, d);
         DEBUG_LINE("pv_socket_delete", "destroyed socket %s", d->name);
-        d->socket = nullptr;
     }
     free(d->name);
     d->name = nullptr;
@@ -364,6 +376,25 @@ int pv_socket_cmd_names(void* /*unused*/, Tcl_Interp* interp, int /*objc*/,
     return TCL_OK;
 }
 
+PVSockData* access_find(Tcl_Interp* interp, Tcl_Obj* word) {
+    return pv_socket_get_word(interp, word) != nullptr
+               ? record_of(Tcl_GetCommandFromObj(interp, word))
+               : nullptr;
+}
+
+void* access_open_pair() {
+    const int linger = 0;
+    pv_ctx_standard_descriptors();
+    void* socket = socket_open(pv_ctx_default_new(nullptr), ZMQ_PAIR);
+    if (socket != nullptr) {
+        zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+    }
+    return socket;
+}
+
+constexpr PVSocketAccess socketAccess = {sizeof(PVSocketAccess), sizeof(PVSockData),
+                                         access_find, access_open_pair};
+
 constexpr CommandRow<void> subcommands[] = {
     {"new", 3, 3, "type", socket_new},
     {"create", 4, 4, "name type", socket_create},
@@ -431,6 +462,12 @@ Tcl_Obj* pv_socket_name(const PVSockData* d) {
     Tcl_Obj* name = Tcl_NewObj();
     Tcl_GetCommandFullName(d->interp, d->token, name);
     return name;
+}
+
+void pv_socket_access_offer(Tcl_Interp* interp) {
+    // Its readers take it as constant, too.
+    Tcl_SetAssocData(interp, pv_access_name, nullptr,
+                     const_cast<PVSocketAccess*>(&socketAccess));
 }
 
 void pv_socket_register_with_reactor(PVSockData* d, PVReactor* r) {

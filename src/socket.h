@@ -62,6 +62,9 @@ void pv_socket_unregister_from_reactor(PVSockData* d);
 void pv_socket_sent_bytes(PVSockData* d, Tcl_WideInt bytes);
 void pv_socket_received_bytes(PVSockData* d, Tcl_WideInt bytes);
 
+/* Lets a companion library that interp loads find sockets: see socket_access.h. */
+void pv_socket_access_offer(Tcl_Interp* interp);
+
 /* The name of a ZeroMQ socket type, such as "PUB", or "UNKNOWN"; static text. */
 const char* pv_socket_type_name(int type);
 

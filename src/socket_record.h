@@ -1,12 +1,13 @@
 /*
- * socket_record.h -- the record of one socket, for the socket files alone.
- * Everybody else takes it as opaque.
+ * socket_record.h -- the record of one socket, for the socket files and the
+ * companion library alone.  Everybody else takes it as opaque.
  */
 #ifndef PARVO_SOCKET_RECORD_H
 #define PARVO_SOCKET_RECORD_H
 
 #include <tcl.h>
 
+struct PVMonitor;
 struct PVReactor;
 struct PVReuse;
 
@@ -35,6 +36,8 @@ struct PVSockData {
     Tcl_Interp* interp = nullptr;   // interpreter of the object command
     bool attached = false;          // was bound or connected: may have connections
     PVReuse* reuse = nullptr;       // what its thread keeps, in the registry
+    PVMonitor* monitor = nullptr;   // the companion's, or null
+    void (*monitor_end)(PVMonitor* monitor) = nullptr; // told when the socket is closed
 };
 
 #endif
