@@ -84,14 +84,6 @@ proc bound {type endpointName} {
     return $s
 }
 
-# A number from the kernel's account of a process.
-proc process_status {pid field} {
-    set f [open /proc/$pid/status]
-    set text [read $f]
-    close $f
-    lindex [regexp -inline "\n$field:\\s+(\\d+)" $text] 1
-}
-
 # Closes every socket of the thread that this interpreter knows; a failed test may have
 # left others in an interpreter of its own.
 proc close_all {} {
