@@ -45,6 +45,7 @@ install(CODE "
 
 install(TARGETS parvo parvoextra DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 install(FILES "${PROJECT_BINARY_DIR}/pkgIndex.tcl"
+  "${PROJECT_BINARY_DIR}/auth-${PROJECT_VERSION}.tm"
   DESTINATION "${PARVO_LIBDIR}/zmq${PROJECT_VERSION}")
 # A Tcl module beside it: Tcl looks for modules first, and for a package reads the index of
 # every package on the machine.  The default module paths of Debian's tclsh are below /usr.
@@ -59,6 +60,8 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   endfunction()
   parvo_module(zmq "${parvo_library}" Parvo)
   parvo_module(zmq/extra "${parvo_library}extra" Parvoextra)
+  install(FILES "${PROJECT_BINARY_DIR}/auth-${PROJECT_VERSION}.tm"
+    DESTINATION "${parvo_tmdir}/zmq")
 endif()
 # The scripts at the top, and a main.tcl further down, are programs.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"

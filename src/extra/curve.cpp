@@ -5,10 +5,9 @@
  * fails leaves the socket as it was.  Copies of keys are erased; those in the script's
  * own values are the script's to guard.
  */
-#include "curve.h"
+#include "extra.h"
 
 #include "command.h"
-#include "extra.h"
 
 #include <errno.h>
 #include <string.h>

@@ -7,9 +7,6 @@
  */
 #include "extra.h"
 
-#include "curve.h"
-#include "monitor.h"
-
 namespace {
 
 /* The record that the package "zmq" of this build has left in interp, or null. */

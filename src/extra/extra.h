@@ -19,6 +19,12 @@
 extern "C" __attribute__((visibility("default"))) int
 Parvoextra_Init(Tcl_Interp* interp);
 
+/* Command procedures; the client data is a PVSocketAccess. */
+int ParvoCurveCmd(ClientData clientData, Tcl_Interp* interp, int objc,
+                  Tcl_Obj* const objv[]);
+int ParvoMonitorCmd(ClientData clientData, Tcl_Interp* interp, int objc,
+                    Tcl_Obj* const objv[]);
+
 /*
  * The record of the socket that a word names; null with an error
  * ("ZMQ" area "SOCKET" word) left in interp when it names none of this thread.

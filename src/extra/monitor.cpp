@@ -4,10 +4,9 @@
  * The socket's record knows its monitor and lets go of it when the socket is closed:
  * see monitor_relay.cpp.
  */
-#include "monitor.h"
+#include "extra.h"
 
 #include "command.h"
-#include "extra.h"
 #include "monitor_relay.h"
 
 #include <string.h>
