@@ -85,7 +85,7 @@ bool keypair_make(Tcl_Interp* interp, KeyText& publicKey, KeyText& secretKey) {
     if (zmq_curve_keypair(publicKey.at, secretKey.at) == 0) {
         return true;
     }
-    extra_fail_zmq(interp, "failed to make keys", "CURVE", "KEYPAIR");
+    fail_extra(interp, "failed to make keys", "CURVE", "KEYPAIR");
     return false;
 }
 
@@ -103,7 +103,7 @@ PVSockData* socket_before(const PVSocketAccess* access, Tcl_Interp* interp,
         return nullptr;
     }
     if (zmq_getsockopt(d->socket, ZMQ_TYPE, &type, &size) == -1) {
-        extra_fail_zmq(interp, "failed to set keys", "CURVE", "OPTION");
+        fail_extra(interp, "failed to set keys", "CURVE", "OPTION");
     } else if (type == ZMQ_STREAM) {
         fail(interp, "a STREAM socket cannot encrypt", "ZMQ", "CURVE", "TYPE");
     } else if (d->attached) {
@@ -132,7 +132,7 @@ int settings_apply(Tcl_Interp* interp, void* socket, const Setting (&settings)[c
                 zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &off, sizeof off);
             }
             errno = error;
-            return extra_fail_zmq(interp, "failed to set keys", "CURVE", "OPTION");
+            return fail_extra(interp, "failed to set keys", "CURVE", "OPTION");
         }
     }
     return TCL_OK;

@@ -45,7 +45,7 @@ inline PVSockData* extra_socket(const PVSocketAccess* access, Tcl_Interp* interp
  * error code "ZMQ" words.  Returns TCL_ERROR.
  */
 template <typename... Words>
-int extra_fail_zmq(Tcl_Interp* interp, const char* what, Words... words) {
+int fail_extra(Tcl_Interp* interp, const char* what, Words... words) {
     const int error = zmq_errno();
     return fail(interp, Tcl_ObjPrintf("%s: %s", what, zmq_strerror(error)), "ZMQ",
                 words...);

@@ -81,7 +81,7 @@ int pv_cmd_start(const PVSocketAccess* access, Tcl_Interp* interp, int objc,
     }
     d->monitor = pv_monitor_start(access, d->socket, endpoint, wanted);
     if (d->monitor == nullptr) {
-        return extra_fail_zmq(interp, "failed to monitor socket", "MONITOR", "START");
+        return fail_extra(interp, "failed to monitor socket", "MONITOR", "START");
     }
     d->monitor_end = pv_monitor_leave;
     return TCL_OK;
@@ -98,7 +98,7 @@ int pv_cmd_stop(const PVSocketAccess* access, Tcl_Interp* interp, int /*objc*/,
         return fail(interp, "the socket is not monitored", "ZMQ", "MONITOR", "STOP");
     }
     if (pv_monitor_stop(d->monitor, d->socket) == -1) {
-        return extra_fail_zmq(interp, "failed to stop monitor", "MONITOR", "STOP");
+        return fail_extra(interp, "failed to stop monitor", "MONITOR", "STOP");
     }
     d->monitor = nullptr;
     return TCL_OK;
