@@ -68,7 +68,7 @@ install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
   FILE_PERMISSIONS ${parvo_file} DIRECTORY_PERMISSIONS ${parvo_program}
   PATTERN "__pycache__" EXCLUDE
   REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl)$" PERMISSIONS ${parvo_program})
-install(FILES examples/text.tcl DESTINATION "${PARVO_DOCDIR}/examples") # no program
+install(FILES examples/common.tcl DESTINATION "${PARVO_DOCDIR}/examples") # no program
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
 
 # The README's links lead to the manual that is installed, not to its sources; what they

@@ -17,18 +17,14 @@
 # A worker that falls silent while idle is forgotten.  A request whose worker dies is
 # lost here, and found again by the client: it asks once more.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 # Traps come first, before any thread exists that could catch the signals instead.
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-source [file join [file dirname [info script]] text.tcl]
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] broker: $message"
-}
 ::qel::reactor bgerror complain
 
 set expiry 2000  ;# milliseconds of silence after which an idle worker is gone
@@ -46,7 +42,7 @@ proc from_worker {} {
         frontend send {*}$frames ;# a ROUTER drops what is for a client that has left
     }
     if {![dict exists $workers $worker]} {
-        say $worker joined
+        tell $worker joined
     } elseif {$count < [lindex [dict get $workers $worker] 1]} {
         return ;# a heartbeat that crossed a request on its way
     }
@@ -81,12 +77,12 @@ proc admit {} {
 }
 
 # A worker's address is a name in UTF-8.
-proc say {worker what} {
-    puts "worker [shown [encoding convertfrom utf-8 $worker]] $what"
+proc tell {worker what} {
+    say "worker [frame_text $worker] $what"
 }
 
 proc forget {worker} {
-    say $worker left
+    tell $worker left
     dict unset ::workers $worker
     set ::idle [lsearch -all -inline -exact -not $::idle $worker]
 }
@@ -103,14 +99,15 @@ proc expire {} {
     ::qel::reactor after 500 expire
 }
 
-lassign $argv front back
-fconfigure stdout -buffering line
-foreach {socket endpoint default} [list frontend $front tcp://127.0.0.1:5555 \
-                                       backend $back tcp://127.0.0.1:5556] {
+arguments {
+    {frontend endpoint tcp://127.0.0.1:5555}
+    {backend endpoint tcp://127.0.0.1:5556}
+}
+foreach socket {frontend backend} {
     ::zmq::socket create $socket ROUTER
     $socket configure -maxmsgsize 1000000
-    $socket bind [expr {$endpoint ne {} ? $endpoint : $default}]
-    puts "$socket [$socket configure -last_endpoint]"
+    attach $socket bind $arg($socket) $socket
+    say "$socket [$socket configure -last_endpoint]"
 }
 backend configure -router_mandatory 1
 ::qel::reactor event backend readable from_worker

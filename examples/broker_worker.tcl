@@ -5,17 +5,13 @@
 #
 # The name and the process id together are the worker's address at the broker.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-source [file join [file dirname [info script]] text.tcl]
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] $::name: $message"
-}
 ::qel::reactor bgerror complain
 
 # The work: text in, text out.
@@ -42,12 +38,11 @@ proc ready {} {
     ::qel::reactor after 500 ready
 }
 
-lassign $argv endpoint name
-if {$endpoint eq {}} {
-    set endpoint tcp://127.0.0.1:5556
+arguments {
+    {endpoint endpoint tcp://127.0.0.1:5556}
+    {name text {}}
 }
-check_text [list $name]
-append name [expr {$name eq {} ? [info hostname] : {}}]-[pid]
+set name [expr {$arg(name) ne {} ? $arg(name) : [info hostname]}]-[pid]
 set taken 0
 
 ::zmq::socket create broker DEALER
@@ -56,7 +51,7 @@ broker configure -maxmsgsize 1000000
 # Heartbeats must not pile up for a broker that is away: without a connection there
 # is no queue.
 broker configure -immediate 1
-broker connect $endpoint
+attach broker connect $arg(endpoint)
 ::qel::reactor event broker readable request
 ready
 ::qel::reactor start

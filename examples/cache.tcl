@@ -7,16 +7,13 @@
 # A subscription goes to everybody who holds it, so other subscribers of the same topic
 # see the last value once more.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] cache: $message"
-}
 ::qel::reactor bgerror complain
 
 set limit 10000 ;# topics kept: whoever publishes must not be able to fill the memory
@@ -49,17 +46,18 @@ proc subscribed {} {
     }
 }
 
-lassign $argv publishers subscribers
-fconfigure stdout -buffering line
+arguments {
+    {publishers endpoint tcp://127.0.0.1:5557}
+    {subscribers endpoint tcp://127.0.0.1:5558}
+}
 ::zmq::socket create in XSUB
 ::zmq::socket create out XPUB
 # Without this only the first subscriber of a topic would be heard of.
 out configure -xpub_verbose 1
 in configure -maxmsgsize 1000000
-foreach {socket endpoint default} [list in $publishers tcp://127.0.0.1:5557 \
-                                       out $subscribers tcp://127.0.0.1:5558] {
-    $socket bind [expr {$endpoint ne {} ? $endpoint : $default}]
-    puts "$socket [$socket configure -last_endpoint]"
+foreach {socket name} {in publishers out subscribers} {
+    attach $socket bind $arg($name) $name
+    say "$socket [$socket configure -last_endpoint]"
 }
 # An XSUB socket sends its subscriptions as messages; this one is for everything.
 in send "\x01"

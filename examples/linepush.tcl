@@ -3,34 +3,33 @@
 #
 #     producer | linepush.tcl bind|connect endpoint ?hwm?
 #
-# While nobody takes messages, at most "hwm" of them wait here for each peer, and a line
-# more; then standard input is left alone, its pipe fills up and the producer waits.
+# While nobody takes messages, at most "hwm" of them are queued here for each peer, and a
+# line is held; then standard input is left alone, its pipe fills up and the producer waits.
 # At the end of the input the program stays until the last line has left.
+#
+# SIGTERM and SIGINT end it after a second, in which the queued lines can leave.  It counts
+# the lines that it has read and not sent.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal interrupted
 }
-proc interrupted {signal} {
-    push configure -linger 1000 ;# what still waits has a second to leave
-    ::qel::reactor stop
-}
 
-# Without its input or its socket this program has nothing to go on with.  But that the
-# last data and the end of the input arrive at once, which the reactor calls unhandled, is
-# no failure: the handler sees both.
-proc fail {message {options {}}} {
-    if {[string match {*unhandled ZMQ_POLLERR*} $message]} {
-        return
+# Without its input or its socket this program has nothing to go on with.
+proc failed {message {options {}}} {
+    complain $message
+    if {![string match "*unhandled ZMQ_POLLERR*" $message]} {
+        set ::status 1
+        finish
     }
-    puts stderr "[::qel::timestamp] linepush: $message"
-    set ::status 1
-    ::qel::reactor stop
 }
-::qel::reactor bgerror fail
+::qel::reactor bgerror failed
 
 set longest 1000000 ;# bytes of a line: one without an end would fill the memory
+set held 0          ;# a line waits in "line" for room in the socket
+set status 0
 
 # Reads what is there.  Tcl reads ahead: lines can wait in the channel's own buffer,
 # which the reactor cannot see, so this goes on until the channel has none left.
@@ -44,16 +43,15 @@ proc readable {} {
         }
     }
     if {[eof stdin]} {
-        ::qel::reactor event stdin readable {}
-        push configure -linger -1 ;# every line leaves, however long it takes
-        ::qel::reactor stop
+        finish
     } elseif {[chan pending input stdin] > $::longest} {
         error "a line is longer than $::longest bytes"
     }
 }
 
 proc push_line {} {
-    expr {![catch {push send -nowait $::line}]}
+    set ::held [catch {push send -nowait $::line}]
+    expr {!$::held}
 }
 
 proc writable {} {
@@ -64,20 +62,62 @@ proc writable {} {
     }
 }
 
-lassign $argv method endpoint hwm
-if {$method ni {bind connect} || $endpoint eq {}} {
-    puts stderr "usage: linepush.tcl bind|connect endpoint ?hwm?"
-    exit 2
+# Closes the socket, whose queued lines go on leaving.  ZeroMQ closes the descriptor of a
+# socket when the last of them has left.
+proc finish {} {
+    if {[info exists ::descriptor]} {
+        return
+    }
+    ::qel::reactor event stdin readable {}
+    set ::descriptor [push configure -fd]
+    set ::queued [dict get [push stats] sent messages]
+    if {$::queued > [push configure -sndhwm]} {
+        set ::queued [push configure -sndhwm]
+    }
+    push configure -linger -1
+    push close
+    settle
+}
+proc settle {} {
+    if {[catch {file readlink /proc/self/fd/$::descriptor}]} {
+        set ::queued 0
+        ::qel::reactor stop
+    } else {
+        ::qel::reactor after 20 settle
+    }
+}
+
+proc interrupted {signal} {
+    set ::signal $signal
+    finish
+    ::qel::reactor after 1000 {::qel::reactor stop}
+}
+
+arguments {
+    {method {choice bind connect}}
+    {endpoint endpoint}
+    {hwm {number 1} 1000}
 }
 ::zmq::socket create push PUSH
-push configure -sndhwm [expr {$hwm ne {} ? $hwm : 1000}]
-push $method $endpoint
-puts stderr "push [push configure -last_endpoint]"
+push configure -sndhwm $arg(hwm)
+attach push $arg(method) $arg(endpoint)
+say "push [push configure -last_endpoint]" stderr
 
 # Lines are passed on as the bytes that they are.
 fconfigure stdin -blocking 0 -translation binary
-set status 0
 ::qel::reactor event stdin readable readable
 ::qel::reactor start
-push close
+
+# What Tcl has read ahead is lost for the producer, too.
+set ahead [read stdin [chan pending input stdin]]
+incr held [regexp -all {[^\n]*\n|[^\n]+$} $ahead]
+if {$held + $queued > 0} {
+    say "$program: not sent: $held lines held, up to $queued queued for each peer" stderr
+    set status 1
+}
+if {$queued > 0} {
+    # The end of a process waits for what is queued; a signal that is not trapped does not.
+    ::qel::reactor signal default $signal
+    exec sh -c "kill -[string range $signal 3 end] [pid]"
+}
 exit $status

@@ -12,16 +12,13 @@
 # On a terminal the screen is redrawn every "ms" milliseconds; elsewhere lines are
 # printed as often.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] monitor: $message"
-}
 ::qel::reactor bgerror complain
 
 set forget 5000 ;# milliseconds of silence after which a program is shown no more
@@ -73,12 +70,13 @@ proc line {key row} {
     lassign $rates sent received sentBytes receivedBytes
     set got [lindex [dict get $row counts] 1]
     set lost [expr {$got > 0 ? max(0, [sent_before $stream] - $got) : 0}]
-    format {%-12.12s %-22.22s %10.1f %10.1f %10.1f %10d} $stream $name $sent $received \
+    format {%-12.12s %-22.22s %10.1f %10.1f %10.1f %10d} [frame_text $stream] \
+        [frame_text $name] $sent $received \
         [expr {($sentBytes + $receivedBytes) / 1000.0}] $lost
 }
 
-proc show {} {
-    ::qel::reactor after $::interval show
+proc show_rows {} {
+    ::qel::reactor after $::arg(ms) show_rows
     set now [clock milliseconds]
     set lines [list [format {%-12s %-22s %10s %10s %10s %10s} \
                          stream program sent/s received/s kB/s lost]]
@@ -90,20 +88,20 @@ proc show {} {
         }
     }
     # Home, each line with what was right of it erased, and everything below erased.
-    puts -nonewline [expr {$::terminal
-        ? "\x1b\[H[join $lines \x1b\[K\n]\x1b\[K\n\x1b\[J" : "[join $lines \n]\n"}]
-    flush stdout
+    show [expr {$::terminal ? "\x1b\[H[join $lines \x1b\[K\n]\x1b\[J" : [join $lines \n]}]
 }
 
-lassign $argv endpoint interval
-set interval [expr {[string is integer -strict $interval] ? $interval : 1000}]
+arguments {
+    {endpoint endpoint tcp://127.0.0.1:5559}
+    {ms {number 1} 1000}
+}
 set terminal [dict exists [fconfigure stdout] -mode]
 ::zmq::socket create reports SUB
 reports configure -maxmsgsize 10000
 reports configure -subscribe stats
-reports bind [expr {$endpoint ne {} ? $endpoint : "tcp://127.0.0.1:5559"}]
-puts "[expr {$terminal ? "\x1b\[2J\x1b\[H" : {}}]reports [reports configure -last_endpoint]"
+attach reports bind $arg(endpoint)
+show "[expr {$terminal ? "\x1b\[2J\x1b\[H" : {}}]reports [reports configure -last_endpoint]"
 ::qel::reactor event reports readable reported
-::qel::reactor after $interval show
+::qel::reactor after $arg(ms) show_rows
 ::qel::reactor start
 reports close

@@ -1,23 +1,20 @@
 #!/usr/bin/env tclsh
 # publish.tcl -- publishes this host's load and memory by topic.
 #
-#     publish.tcl bind|connect endpoint ?ms? ?monitor?
+#     publish.tcl bind|connect endpoint ?ms? ?-monitor endpoint?
 #
 # A publisher binds for subscribers that connect (subscribe.tcl), or connects to a
 # program between them (cache.tcl).  Topics are host/load/1, host/load/5, host/load/15
 # and host/memory/available; the second frame is the value.  A figure goes out every
 # "ms" milliseconds.  With the endpoint of a monitor.tcl it reports its counts there.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] publish: $message"
-}
 ::qel::reactor bgerror complain
 
 proc file_text {name} {
@@ -34,7 +31,7 @@ proc publish {topic value} {
 }
 
 proc measure {} {
-    ::qel::reactor after $::interval measure ;# first, so that an error ends nothing
+    ::qel::reactor after $::arg(ms) measure ;# first, so that an error ends nothing
     lassign [file_text /proc/loadavg] one five fifteen
     publish host/load/1 $one
     publish host/load/5 $five
@@ -50,22 +47,18 @@ proc report_counts {} {
     report send stats host publisher-[pid] [publisher stats]
 }
 
-lassign $argv method endpoint interval monitor
-if {$method ni {bind connect} || $endpoint eq {}} {
-    puts stderr "usage: publish.tcl bind|connect endpoint ?ms? ?monitor?"
-    exit 2
+arguments {
+    {method {choice bind connect}}
+    {endpoint endpoint}
+    {ms {number 1} 1000}
+    {-monitor endpoint {}}
 }
-if {![string is integer -strict $interval]} {
-    set interval 1000
-}
-fconfigure stdout -buffering line
-
 ::zmq::socket create publisher PUB
-publisher $method $endpoint
-puts "publisher [publisher configure -last_endpoint]"
-if {$monitor ne {}} {
+attach publisher $arg(method) $arg(endpoint)
+say "publisher [publisher configure -last_endpoint]"
+if {$arg(monitor) ne {}} {
     ::zmq::socket create report PUB
-    report connect $monitor
+    attach report connect $arg(monitor) -monitor
     report_counts
 }
 measure

@@ -6,8 +6,8 @@
 # Prints one answer a line.  The server may see a request twice, when its answer was
 # lost or late: requests must be such that this does no harm.
 
-package require zmq
-source [file join [file dirname [info script]] text.tcl]
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 set patience 1000 ;# milliseconds to wait for an answer
 set tries 5
@@ -15,7 +15,7 @@ set tries 5
 proc ask {text} {
     for {set try 1} {$try <= $::tries} {incr try} {
         if {$try > 1} {
-            puts stderr "\"$text\": no answer in $::patience ms, try $try of $::tries"
+            say "\"$text\": no answer in $::patience ms, try $try of $::tries" stderr
         }
         # Sending fails when there is no server to queue for, receiving when the time
         # is up.  Polling first would not do: what makes the socket readable can be an
@@ -24,20 +24,16 @@ proc ask {text} {
             server send [encoding convertto utf-8 $text]
             server recv
         } answer]} {
-            return [encoding convertfrom utf-8 [lindex $answer 0]]
+            return [frame_text [lindex $answer 0]]
         }
     }
     return -code error "\"$text\": no answer after $::tries tries"
 }
 
-set questions [lassign $argv endpoint]
-if {[llength $questions] == 0} {
-    puts stderr "usage: request.tcl endpoint text ?text ...?"
-    exit 2
+arguments {
+    {endpoint endpoint}
+    {text... text}
 }
-check_text $questions
-fconfigure stdout -buffering line
-
 ::zmq::socket create server REQ
 # A plain REQ socket is stuck after a lost answer.  A relaxed one may send again, and a
 # correlating one takes only the answer to the request that it sent last.
@@ -45,15 +41,15 @@ server configure -req_relaxed 1
 server configure -req_correlate 1
 server configure -sndtimeo $patience
 server configure -rcvtimeo $patience
-server connect $endpoint
+attach server connect $arg(endpoint)
 
 set status 0
-foreach question $questions {
-    if {[catch {ask $question} answer options]} {
-        puts stderr $answer
+foreach text $arg(text) {
+    if {[catch {ask $text} answer]} {
+        say $answer stderr
         set status 1
     } else {
-        puts [shown $answer]
+        show $answer
     }
 }
 server close

@@ -6,27 +6,23 @@
 # Without a topic it prints everything.  A topic stands for all topics that begin with
 # it.  With the endpoint of a monitor.tcl it reports its counts there.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
 }
 proc stop {signal} {::qel::reactor stop}
-source [file join [file dirname [info script]] text.tcl]
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] subscribe: $message"
-}
 ::qel::reactor bgerror complain
 
-# Takes what is there, but not without end: timers and signals want their turn too.
+# Takes what is there, but not without end: timers and signals have their turn.
 proc received {} {
     for {set i 0} {$i < 100 && [::zmq::poll subscriber 0] ne {}} {incr i} {
         set words {}
         foreach frame [subscriber recv -nowait] {
-            lappend words [encoding convertfrom utf-8 $frame]
+            lappend words [frame_text $frame]
         }
-        puts [shown [join $words { }]]
+        show [join $words { }]
     }
 }
 
@@ -35,29 +31,22 @@ proc report_counts {} {
     report send stats host subscriber-[pid] [subscriber stats]
 }
 
-set topics [lassign $argv endpoint]
-if {[lindex $topics end-1] eq "-monitor"} {
-    set monitor [lindex $topics end]
-    set topics [lrange $topics 0 end-2]
+arguments {
+    {endpoint endpoint}
+    {topic... text {{}}}
+    {-monitor endpoint {}}
 }
-if {$endpoint eq {}} {
-    puts stderr "usage: subscribe.tcl endpoint ?topic ...? ?-monitor endpoint?"
-    exit 2
-}
-check_text $topics
-fconfigure stdout -buffering line
-
 ::zmq::socket create subscriber SUB
 subscriber configure -maxmsgsize 1000000
 # Subscriptions come before the connection, so that none of the first messages is
-# missed for want of them.
-foreach topic [expr {[llength $topics] > 0 ? $topics : [list {}]}] {
+# missed.
+foreach topic $arg(topic) {
     subscriber configure -subscribe [encoding convertto utf-8 $topic]
 }
-subscriber connect $endpoint
-if {[info exists monitor]} {
+attach subscriber connect $arg(endpoint)
+if {$arg(monitor) ne {}} {
     ::zmq::socket create report PUB
-    report connect $monitor
+    attach report connect $arg(monitor) -monitor
     report_counts
 }
 ::qel::reactor event subscriber readable received

@@ -7,20 +7,13 @@
 # A worker that ends is started again: at once after a long life, after longer and
 # longer pauses when it keeps ending early.
 
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal shut_down
 }
 
-# The reactor calls it unhandled when the last output of a worker and the end of its pipe
-# arrive at once; the handler sees both.
-proc complain {message {options {}}} {
-    if {[string match {*unhandled ZMQ_POLLERR*} $message]} {
-        return
-    }
-    puts stderr "[::qel::timestamp] supervisor: $message"
-}
 ::qel::reactor bgerror complain
 
 set longLife 10000 ;# milliseconds after which a worker counts as sound
@@ -36,9 +29,9 @@ proc start {number pause} {
     }
     # A child inherits the blocked signals of this thread; env lets them through again.
     # The pipe is also how the end of a worker is noticed: it reports end of file.
-    set command [list env --default-signal=INT --default-signal=TERM {*}$::command]
+    set command [list env --default-signal=INT --default-signal=TERM {*}$::arg(command)]
     if {[catch {open |[concat $command [list 2>@stderr <@stdin]]} channel]} {
-        puts "$number: cannot start: $channel"
+        say "$number: cannot start: $channel"
         ::qel::reactor after $::pauseMax [list start $number $pause]
         return
     }
@@ -46,13 +39,13 @@ proc start {number pause} {
     dict set ::workers $channel \
         [dict create number $number began [clock milliseconds] pause $pause]
     ::qel::reactor event $channel readable [list output $channel]
-    puts "$number: started, process [pid $channel]"
+    say "$number: started, process [pid $channel]"
 }
 
 proc output {channel} {
     set number [dict get $::workers $channel number]
     while {[gets $channel line] >= 0} {
-        puts "$number: $line"
+        say "$number: $line"
     }
     if {[eof $channel]} {
         ended $channel
@@ -73,7 +66,7 @@ proc ended {channel} {
         set how [expr {$kind eq "CHILDSTATUS" ? "status $how" : $how}]
     }
     set number [dict get $worker number]
-    puts "$number: ended, $how"
+    say "$number: ended, $how"
     if {$::stopping} {
         if {[dict size $::workers] == 0} {
             ::qel::reactor stop
@@ -96,7 +89,7 @@ proc signal_all {name} {
 
 proc shut_down {signal} {
     set ::stopping 1
-    puts "stopping on $signal"
+    say "stopping on $signal"
     if {[dict size $::workers] == 0} {
         ::qel::reactor stop
     }
@@ -104,13 +97,11 @@ proc shut_down {signal} {
     ::qel::reactor after $::patience {signal_all KILL}
 }
 
-set command [lassign $argv count]
-if {![string is integer -strict $count] || $count < 1 || [llength $command] == 0} {
-    puts stderr "usage: supervisor.tcl count command ?arg ...?"
-    exit 2
+arguments {
+    {count {number 1}}
+    {command... command}
 }
-fconfigure stdout -buffering line
-for {set number 1} {$number <= $count} {incr number} {
+for {set number 1} {$number <= $arg(count)} {incr number} {
     start $number 0
 }
 ::qel::reactor start

@@ -6,8 +6,9 @@
 # Prints the CRC-32 and the size of each file, in the order in which they are done.
 # The threads ask for work, so the busy ones get none and no queue grows.
 
-package require Tcl 8.6
-package require zmq
+package require Tcl 8.6-
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 # The traps stand before the threads, which inherit the blocked signals: so a signal
 # always reaches the loop below, never a thread that would die of it.
@@ -17,11 +18,7 @@ foreach signal {SIGINT SIGTERM} {
 proc stop {signal} {
     set ::files {} ;# what is being worked on is finished
 }
-package require Thread
-
-proc complain {message {options {}}} {
-    puts stderr "[::qel::timestamp] threads: $message"
-}
+need Thread tcl-thread
 ::qel::reactor bgerror complain
 
 set body {
@@ -64,7 +61,7 @@ proc asked {} {
     # The thread that asks, the empty frame of its REQ socket, its last result.
     lassign [pool recv] thread - kind name text
     if {$kind ne "ready"} {
-        puts "[encoding convertfrom utf-8 $text] [encoding convertfrom utf-8 $name]"
+        show "[encoding convertfrom utf-8 $text] [encoding convertfrom utf-8 $name]"
     }
     if {$kind eq "failed"} {
         set ::status 1
@@ -80,17 +77,17 @@ proc asked {} {
     }
 }
 
-set files [lassign $argv count]
-if {![string is integer -strict $count] || $count < 1 || [llength $files] == 0} {
-    puts stderr "usage: threads.tcl count file ?file ...?"
-    exit 2
+arguments {
+    {count {number 1}}
+    {file... file}
 }
+set files $arg(file)
 set status 0
-set working $count
+set working $arg(count)
 ::zmq::socket create pool ROUTER
 pool bind inproc://pool
 ::qel::reactor event pool readable asked
-for {set i 0} {$i < $count} {incr i} {
+for {set i 0} {$i < $arg(count)} {incr i} {
     lappend threads [thread::create -joinable $body]
 }
 ::qel::reactor start

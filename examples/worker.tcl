@@ -12,7 +12,8 @@
 #
 # SIGTERM, SIGINT: take no new job, finish those accepted, exit once what they yield has
 # found room.  SIGHUP: read the configuration file again.  SIGUSR1: show statistics.
-package require zmq
+source [file join [file dirname [info script]] common.tcl]
+need zmq tcl-parvo
 
 # Traps come first: they protect the process only from here on, and only if no other
 # thread was started before.  What arrives now waits until the reactor runs.
@@ -28,7 +29,7 @@ proc job {args} {return $args}
 set kept {}       ;# {socket frame ...}: a message that found no room
 set backlog {}    ;# jobs accepted but not begun when the worker was told to stop
 set stopping 0
-proc log {message} {catch {puts stderr "$::option(-name): $message"}}
+proc log {message} {say "$::arg(name): $message" stderr}
 
 # The settings, in milliseconds, with what a configuration file says about them: one
 # "name number" to a line.  The file is data, nothing in it is evaluated.
@@ -48,7 +49,7 @@ proc read_settings {file} {
 
 # The settings change all together or, if a line is bad, not at all.
 proc reload {signal} {
-    if {[catch {read_settings $::option(-config)} settings]} {
+    if {[catch {read_settings $::arg(config)} settings]} {
         return [log "old settings stay: $settings"]
     }
     set ::settings $settings
@@ -120,27 +121,27 @@ proc stop {signal} {
     while {[incr n -1] >= 0 && [$::jobs configure -events] & 1} {
         lappend ::backlog [$::jobs recv -nowait]
     }
-    $::jobs disconnect $::option(-jobs)
+    $::jobs disconnect $::arg(jobs)
 }
 
-array set option {-jobs "" -results "" -dead "" -name worker -job "" -config ""}
-foreach {word value} $argv {
-    if {![info exists option($word)]} {puts stderr "unknown option $word"; exit 2}
-    set option($word) $value
+arguments {
+    {-jobs endpoint} {-results endpoint} {-dead endpoint}
+    {-name text worker} {-job file {}} {-config file {}}
 }
-if {"" in [list $option(-jobs) $option(-results) $option(-dead)]} {
-    puts stderr "usage: worker.tcl -jobs endpoint -results endpoint -dead endpoint ..."; exit 2
+if {[catch {read_settings $arg(config)} settings]} {
+    refuse -config $arg(config) "a file of settings" $settings
 }
-set settings [read_settings $option(-config)]
-if {$option(-job) ne ""} {source $option(-job)}
-set name [encoding convertto utf-8 $option(-name)]
+if {$arg(job) ne "" && [catch {source $arg(job)} message options]} {
+    refuse -job $arg(job) "a script that runs" "line [dict get $options -errorline]: $message"
+}
+set name [encoding convertto utf-8 $arg(name)]
 foreach {socket type} {jobs PULL results PUSH dead PUSH} {
     set $socket [::zmq::socket new $type]
 }
 # A short queue: jobs go to the workers that are free.  Over tcp the kernel's buffers hold
 # more; -rcvbuf 4096 here and -sndbuf 4096 at the sender, set first, keep that short, too.
 $jobs configure -rcvhwm 50
-foreach socket {jobs results dead} {[set $socket] connect $option(-$socket)}
+foreach socket {jobs results dead} {attach [set $socket] connect $arg($socket) -$socket}
 ::qel::reactor bgerror failed
 ::qel::reactor event $jobs readable [set work [list work $jobs $results $name]]
 beat
