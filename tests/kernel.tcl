@@ -108,7 +108,8 @@ proc spin {condition {end {}}} {
 # Runs a script in a child that has this file, and gives what it logged or returned and
 # how it ended; the child must write nothing to standard error.
 proc isolated {script} {
-    lassign [child "source [list $::kernel]\nputs -nonewline \[apply {{} {\n$script\n}}]"] \
+    lassign [child "source [list $::kernel]\nproc failure script [list [info body failure]]
+        puts -nonewline \[apply {{} {\n$script\n}}]"] \
         out err status
     if {$err ne ""} {error $err}
     expr {$status == 0 ? $out : $status}
