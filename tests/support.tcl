@@ -26,6 +26,8 @@ proc has_python_module {name} {expr {![catch {exec /usr/bin/python3 -c "import $
 ::tcltest::testConstraint Thread [has_package Thread]
 ::tcltest::testConstraint dtplite [has_program dtplite]
 ::tcltest::testConstraint python3 [has_program python3]
+::tcltest::testConstraint valgrind [has_program valgrind]
+::tcltest::testConstraint unsanitized [expr {![info exists ::env(PARVO_SANITIZED)]}]
 
 # The file of the library.
 proc library {} {

@@ -8,11 +8,9 @@
 #include "reactor.h"
 #include "reactor_bgerror.h"
 #include "reactor_signal.h"
-#include "reactor_signal_catalogue.h"
 #include "reactor_timer.h"
 #include "reactor_timer_clock.h"
 #include "socket.h"
-#include "socket_record.h"
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -86,19 +84,11 @@ TEST(Clock, DueTime) {
               LONG_MAX);
 }
 
-TEST(Signals, NamesThatNoCommandShows) {
-    EXPECT_STREQ(signal_name(0), "invalid signal");
-    EXPECT_STREQ(signal_name(32), "invalid signal");
-    EXPECT_EQ(signal_to_int(""), -1);
-    EXPECT_EQ(signal_to_int("SIG"), -1);
-}
-
-TEST(Init, RefusesNoInterpreter) {
-    EXPECT_EQ(Parvo_Init(nullptr), TCL_ERROR);
-}
-
 TEST(Stores, NothingIsSetUpWithoutAnInterpreter) {
     unit_interp();
+    EXPECT_EQ(Parvo_Init(nullptr), TCL_ERROR);
+    pv_socket_register_with_reactor(nullptr, nullptr);
+    pv_socket_unregister_from_reactor(nullptr);
     EXPECT_EQ(pv_reactor(nullptr), nullptr);
     EXPECT_EQ(pv_signal(nullptr, nullptr), nullptr);
     EXPECT_EQ(pv_timer(nullptr), nullptr);
@@ -136,12 +126,6 @@ TEST(Stores, OneSignalStoreAThread) {
     pv_event_unregister_fd(reactor, 12346, 1);
 }
 
-TEST(Sockets, RecordsAndTypes) {
-    pv_socket_register_with_reactor(nullptr, nullptr);
-    pv_socket_unregister_from_reactor(nullptr);
-    EXPECT_STREQ(pv_socket_type_name(99), "UNKNOWN");
-}
-
 namespace {
 
 struct Outliving {
@@ -150,8 +134,8 @@ struct Outliving {
     std::string message;
 };
 
-/* Runs after the sweep, as it was registered before the first socket. */
-void use_after_sweep(ClientData clientData) {
+/* Runs after the thread's sockets are closed, as it was registered before the first. */
+void use_after_close(ClientData clientData) {
     auto* o = static_cast<Outliving*>(clientData);
     o->code = Tcl_EvalEx(o->interp, "outliving recv", -1, TCL_EVAL_GLOBAL);
     o->message = Tcl_GetStringResult(o->interp);
@@ -160,14 +144,14 @@ void use_after_sweep(ClientData clientData) {
 
 } // namespace
 
-TEST(Sockets, CommandsThatOutliveTheirThreadsSweepAreHarmless) {
+TEST(Sockets, CommandsThatOutliveTheirThreadsSocketsAreHarmless) {
     unit_interp();
     Outliving o;
     std::thread([&o] {
         o.interp = Tcl_CreateInterp();
         Parvo_Init(o.interp);
         Tcl_EvalEx(o.interp, "::qel::reactor stop", -1, TCL_EVAL_GLOBAL);
-        Tcl_CreateThreadExitHandler(use_after_sweep, &o);
+        Tcl_CreateThreadExitHandler(use_after_close, &o);
         EXPECT_EQ(Tcl_EvalEx(o.interp,
                              "::zmq::socket create outliving PULL\n"
                              "::qel::reactor event outliving readable x",
