@@ -1,7 +1,7 @@
 #!/usr/bin/env tclsh
 # boss.tcl -- gives the lines of standard input to workers and prints what they yield.
 #
-#     boss.tcl ?-patience ms? jobs results dead
+#     boss.tcl ?-patience ms? ?-key file? ?-known directory? jobs results dead
 #
 # The three arguments are endpoints to bind.  Any number of workers connect:
 #
@@ -102,15 +102,18 @@ proc look_after {} {
     go_on
 }
 
-arguments {
+arguments [concat {
     {jobs endpoint}
     {results endpoint}
     {dead endpoint}
     {-patience {number 1} 10000}
-}
-foreach {socket type event} {jobs PUSH {} results PULL result dead PULL failure} {
+} $keyOptions]
+foreach {socket type} {jobs PUSH results PULL dead PULL} {
     ::zmq::socket create $socket $type
     $socket configure -sndhwm 10 ;# jobs wait here, and not for one worker among many
+}
+guard jobs results dead
+foreach {socket event} {jobs {} results result dead failure} {
     attach $socket bind $arg($socket) $socket
     say "$socket [$socket configure -last_endpoint]" stderr
     if {$event ne {}} {

@@ -1,9 +1,10 @@
 #!/usr/bin/env tclsh
 # broker.tcl -- hands each request to the worker that has been idle longest.
 #
-#     broker.tcl ?frontend? ?backend?
+#     broker.tcl ?frontend? ?backend? ?-key file? ?-known directory?
 #
-# Both arguments are endpoints to bind.  At the frontend are clients with REQ sockets
+# Both arguments are endpoints to bind; with -key peers must encrypt to that key, and with
+# -known be among those whose keys are there.  At the frontend are clients with REQ sockets
 # (request.tcl), at the backend workers with DEALER sockets (broker_worker.tcl,
 # broker_worker.py).  A worker sends
 #
@@ -99,13 +100,16 @@ proc expire {} {
     ::qel::reactor after 500 expire
 }
 
-arguments {
+arguments [concat {
     {frontend endpoint tcp://127.0.0.1:5555}
     {backend endpoint tcp://127.0.0.1:5556}
-}
+} $keyOptions]
 foreach socket {frontend backend} {
     ::zmq::socket create $socket ROUTER
     $socket configure -maxmsgsize 1000000
+}
+guard frontend backend
+foreach socket {frontend backend} {
     attach $socket bind $arg($socket) $socket
     say "$socket [$socket configure -last_endpoint]"
 }

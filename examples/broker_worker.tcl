@@ -1,7 +1,7 @@
 #!/usr/bin/env tclsh
 # broker_worker.tcl -- a worker of broker.tcl: answers with the text in upper case.
 #
-#     broker_worker.tcl ?endpoint? ?name?
+#     broker_worker.tcl ?endpoint? ?name? ?-server file? ?-key file?
 #
 # The name and the process id together are the worker's address at the broker.
 
@@ -38,10 +38,10 @@ proc ready {} {
     ::qel::reactor after 500 ready
 }
 
-arguments {
+arguments [concat {
     {endpoint endpoint tcp://127.0.0.1:5556}
     {name text {}}
-}
+} $keyOptions]
 set name [expr {$arg(name) ne {} ? $arg(name) : [info hostname]}]-[pid]
 set taken 0
 
@@ -51,6 +51,7 @@ broker configure -maxmsgsize 1000000
 # Heartbeats must not pile up for a broker that is away: without a connection there
 # is no queue.
 broker configure -immediate 1
+guard broker
 attach broker connect $arg(endpoint)
 ::qel::reactor event broker readable request
 ready

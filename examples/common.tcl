@@ -165,6 +165,60 @@ proc kind_command {value} {
     list [expr {$value ne {}}] "a command"
 }
 
+# ---- Keys
+
+# What programs that can encrypt their connections add to the rows of "arguments".
+set keyOptions {{-key file {}} {-server file {}} {-known file {}}}
+
+# Gives sockets keys before they are bound or connected, as the options tell:
+#     -server file       they connect to the owner of this public key and nobody else
+#     -key file          the program's own keys; without -server, peers must know its public one
+#     -known directory   and have one of the public keys in this directory
+proc guard {args} {
+    global arg
+    if {$arg(known) ne {} && ($arg(key) eq {} || $arg(server) ne {})} {
+        refuse -known $arg(known) "-key beside it and no -server"
+    }
+    if {$arg(key) eq {} && $arg(server) eq {}} {
+        return
+    }
+    need zmq::extra tcl-parvo
+    if {$arg(known) ne {}} {
+        need zmq::auth tcl-parvo
+        if {[catch {::zmq::auth start -keys $arg(known) -refused refused} message]} {
+            refuse -known $arg(known) "a directory of public keys" $message
+        }
+    }
+    foreach socket $args {
+        if {$arg(server) eq {}} {
+            ::zmq::curve server $socket [key_in $arg(key) secret -key]
+        } elseif {$arg(key) eq {}} {
+            ::zmq::curve client $socket [key_in $arg(server) public -server]
+        } else {
+            ::zmq::curve client $socket [key_in $arg(server) public -server] \
+                [key_in $arg(key) public -key] [key_in $arg(key) secret -key]
+        }
+    }
+}
+proc refused {request} {
+    complain "refused [dict get $request address]: [dict get $request reason]"
+}
+
+# The public or secret key in a file that keys.tcl wrote, the argument of this name.
+proc key_in {file which name} {
+    if {[catch {
+        set channel [open [file normalize $file]]
+        set text [read $channel 10000]
+        close $channel
+    } message]} {
+        refuse $name $file "a file of keys" $message
+    }
+    if {![regexp -line "^\\s*$which-key\\s*=\\s*\"(\[!-~\]{40})\"" $text -> key]} {
+        refuse $name $file "a file with a $which key"
+    }
+    return $key
+}
+
 # ---- Text
 
 # Tcl converts words and lines between the locale's encoding and its own strings.  In the

@@ -9,11 +9,11 @@
 #
 # A receiver's loss is what the senders of its stream have sent and it did not get; for
 # one that joined late or wants some topics only, that includes what it never asked for.
-# On a terminal the screen is redrawn every "ms" milliseconds; elsewhere lines are
+# Peers that come and go are shown by the descriptor of their connection.  On a terminal the screen is redrawn every "ms" milliseconds; elsewhere lines are
 # printed as often.
 
 source [file join [file dirname [info script]] common.tcl]
-need zmq tcl-parvo
+need zmq::extra tcl-parvo
 
 foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal stop
@@ -24,6 +24,8 @@ proc stop {signal} {::qel::reactor stop}
 set forget 5000 ;# milliseconds of silence after which a program is shown no more
 set limit 1000  ;# programs shown at most
 set rows {}     ;# {stream name} -> what is known of it, a dictionary
+set peers {}    ;# descriptors of the connections that there are
+set change {}   ;# who came or left last
 
 # Reports come from outside.  They are taken apart as data and every figure is tested;
 # nothing of them is ever evaluated.
@@ -75,6 +77,23 @@ proc line {key row} {
         [expr {($sentBytes + $receivedBytes) / 1000.0}] $lost
 }
 
+# Connections to this program, by descriptor; a number that is used again is a new peer.
+proc peers_changed {} {
+    set event [::zmq::monitor event [events recv -nowait]]
+    set peer [dict get $event value]
+    if {[dict get $event event] eq "accepted"} {
+        set ::peers [lsort -unique [concat $::peers $peer]]
+        set ::change "peer $peer came"
+    } else {
+        set ::peers [lsearch -all -inline -exact -not $::peers $peer]
+        set ::change "peer $peer left"
+    }
+    append ::change ", [llength $::peers] now, [::qel::timestamp]"
+    if {!$::terminal} {
+        show $::change
+    }
+}
+
 proc show_rows {} {
     ::qel::reactor after $::arg(ms) show_rows
     set now [clock milliseconds]
@@ -86,6 +105,9 @@ proc show_rows {} {
         } else {
             lappend lines [line $key $row]
         }
+    }
+    if {$::terminal} {
+        lappend lines $::change
     }
     # Home, each line with what was right of it erased, and everything below erased.
     show [expr {$::terminal ? "\x1b\[H[join $lines \x1b\[K\n]\x1b\[J" : [join $lines \n]}]
@@ -99,9 +121,14 @@ set terminal [dict exists [fconfigure stdout] -mode]
 ::zmq::socket create reports SUB
 reports configure -maxmsgsize 10000
 reports configure -subscribe stats
+::zmq::monitor start reports inproc://events accepted disconnected
+::zmq::socket create events PAIR
+events connect inproc://events
+::qel::reactor event events readable peers_changed
 attach reports bind $arg(endpoint)
 show "[expr {$terminal ? "\x1b\[2J\x1b\[H" : {}}]reports [reports configure -last_endpoint]"
 ::qel::reactor event reports readable reported
 ::qel::reactor after $arg(ms) show_rows
 ::qel::reactor start
 reports close
+events close

@@ -2,6 +2,7 @@
 # publish.tcl -- publishes this host's load and memory by topic.
 #
 #     publish.tcl bind|connect endpoint ?ms? ?-monitor endpoint?
+#                ?-key file? ?-known directory? ?-server file?
 #
 # A publisher binds for subscribers that connect (subscribe.tcl), or connects to a
 # program between them (cache.tcl).  Topics are host/load/1, host/load/5, host/load/15
@@ -47,13 +48,14 @@ proc report_counts {} {
     report send stats host publisher-[pid] [publisher stats]
 }
 
-arguments {
+arguments [concat {
     {method {choice bind connect}}
     {endpoint endpoint}
     {ms {number 1} 1000}
     {-monitor endpoint {}}
-}
+} $keyOptions]
 ::zmq::socket create publisher PUB
+guard publisher
 attach publisher $arg(method) $arg(endpoint)
 say "publisher [publisher configure -last_endpoint]"
 if {$arg(monitor) ne {}} {

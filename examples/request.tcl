@@ -1,7 +1,7 @@
 #!/usr/bin/env tclsh
 # request.tcl -- asks until there is an answer, or for so many times.
 #
-#     request.tcl endpoint text ?text ...?
+#     request.tcl endpoint text ?text ...? ?-server file? ?-key file?
 #
 # Prints one answer a line.  The server may see a request twice, when its answer was
 # lost or late: requests must be such that this does no harm.
@@ -30,10 +30,10 @@ proc ask {text} {
     return -code error "\"$text\": no answer after $::tries tries"
 }
 
-arguments {
+arguments [concat {
     {endpoint endpoint}
     {text... text}
-}
+} $keyOptions]
 ::zmq::socket create server REQ
 # A plain REQ socket is stuck after a lost answer.  A relaxed one may send again, and a
 # correlating one takes only the answer to the request that it sent last.
@@ -41,6 +41,7 @@ server configure -req_relaxed 1
 server configure -req_correlate 1
 server configure -sndtimeo $patience
 server configure -rcvtimeo $patience
+guard server
 attach server connect $arg(endpoint)
 
 set status 0

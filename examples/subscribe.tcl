@@ -2,6 +2,7 @@
 # subscribe.tcl -- prints what is published under some topics.
 #
 #     subscribe.tcl endpoint ?topic ...? ?-monitor endpoint?
+#                  ?-server file? ?-key file?
 #
 # Without a topic it prints everything.  A topic stands for all topics that begin with
 # it.  With the endpoint of a monitor.tcl it reports its counts there.
@@ -31,11 +32,11 @@ proc report_counts {} {
     report send stats host subscriber-[pid] [subscriber stats]
 }
 
-arguments {
+arguments [concat {
     {endpoint endpoint}
     {topic... text {{}}}
     {-monitor endpoint {}}
-}
+} $keyOptions]
 ::zmq::socket create subscriber SUB
 subscriber configure -maxmsgsize 1000000
 # Subscriptions come before the connection, so that none of the first messages is
@@ -43,6 +44,7 @@ subscriber configure -maxmsgsize 1000000
 foreach topic $arg(topic) {
     subscriber configure -subscribe [encoding convertto utf-8 $topic]
 }
+guard subscriber
 attach subscriber connect $arg(endpoint)
 if {$arg(monitor) ne {}} {
     ::zmq::socket create report PUB

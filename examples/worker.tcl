@@ -3,6 +3,7 @@
 #
 #   worker.tcl -jobs endpoint -results endpoint -dead endpoint
 #              ?-name name? ?-job script? ?-config file?
+#              ?-server file? ?-key file?
 #
 # The worker connects; the endpoints are bound by those that give it work.
 #   jobs     PULL  one message is one job, lost if on its way when the worker goes
@@ -124,10 +125,10 @@ proc stop {signal} {
     $::jobs disconnect $::arg(jobs)
 }
 
-arguments {
+arguments [concat {
     {-jobs endpoint} {-results endpoint} {-dead endpoint}
     {-name text worker} {-job file {}} {-config file {}}
-}
+} $keyOptions]
 if {[catch {read_settings $arg(config)} settings]} {
     refuse -config $arg(config) "a file of settings" $settings
 }
@@ -141,6 +142,7 @@ foreach {socket type} {jobs PULL results PUSH dead PUSH} {
 # A short queue: jobs go to the workers that are free.  Over tcp the kernel's buffers hold
 # more; -rcvbuf 4096 here and -sndbuf 4096 at the sender, set first, keep that short, too.
 $jobs configure -rcvhwm 50
+guard $jobs $results $dead
 foreach socket {jobs results dead} {attach [set $socket] connect $arg($socket) -$socket}
 ::qel::reactor bgerror failed
 ::qel::reactor event $jobs readable [set work [list work $jobs $results $name]]
