@@ -2,15 +2,31 @@
 """A worker of broker.tcl in Python: answers with the text reversed.
 
     broker_worker.py [endpoint [name]]
+
+The name and the process id together are the worker's address at the broker.
 """
 import os
 import signal
 import sys
 
-import zmq
+
+def fail(message):
+    sys.stderr.write("broker_worker.py: %s\n" % message)
+    sys.exit(2)
+
+
+try:
+    import zmq
+except ImportError as error:
+    fail("%s: install Debian's package python3-zmq" % error)
 
 HEARTBEAT = 500  # milliseconds
 
+if "-h" in sys.argv or "--help" in sys.argv:
+    os.write(1, __doc__.encode())
+    sys.exit(0)
+if len(sys.argv) > 3:
+    fail("argument \"%s\": nothing more is wanted" % sys.argv[3])
 endpoint = sys.argv[1] if len(sys.argv) > 1 else "tcp://127.0.0.1:5556"
 name = "%s-%d" % (sys.argv[2] if len(sys.argv) > 2 else "python", os.getpid())
 
@@ -27,7 +43,11 @@ broker = context.socket(zmq.DEALER)
 broker.setsockopt(zmq.IDENTITY, name.encode())
 broker.setsockopt(zmq.IMMEDIATE, 1)
 broker.setsockopt(zmq.LINGER, 2000)
-broker.connect(endpoint)
+try:
+    broker.connect(endpoint)
+except zmq.ZMQError as error:
+    fail("endpoint \"%s\": an endpoint such as tcp://127.0.0.1:5556 is wanted (%s)"
+         % (endpoint, error))
 
 taken = 0
 while True:

@@ -37,15 +37,22 @@ proc say {text {channel stdout}} {
     catch {puts $channel $text}
 }
 
-# Writes a line that is the purpose of the program, which ends when that fails: with status
-# 1, and without a word when the reader has gone, as "head" does.
+# Writes a line that is the purpose of the program, which ends with status 1 when that fails.
 proc show {text} {
-    if {[catch {puts $text} message]} {
-        if {[lindex $::errorCode 1] eq "EPIPE"} {
-            exit 1
-        }
-        fail 1 $message
+    if {![printed $text]} {
+        exit 1
     }
+}
+# Writes a line; returns whether it could.  A reader that has gone, as "head" does, is no
+# news; every other failure is reported.
+proc printed {text} {
+    if {![catch {puts $text} message]} {
+        return 1
+    }
+    if {[lindex $::errorCode 1] ne "EPIPE"} {
+        say "$::program: $message" stderr
+    }
+    return 0
 }
 
 # ---- Arguments
@@ -142,7 +149,9 @@ proc attach {socket method endpoint {name endpoint}} {
 
 # What an argument may be: each returns whether a value fits, and what is wanted.
 proc kind_endpoint {value} {
-    list [regexp {^(?!tcp:)\w+://.|^tcp://.+:(\d+|\*)$} $value] \
+    set fits [regexp {^(?!tcp:)\w+://.|^tcp://.+:(\d+|\*)$} $value -> port]
+    # ZeroMQ takes a port modulo 65536.
+    list [expr {$fits && ($port in {{} *} || $port < 65536)}] \
         "an endpoint such as tcp://127.0.0.1:5555"
 }
 proc kind_number {value {low 0}} {

@@ -9,8 +9,8 @@
 #
 # A receiver's loss is what the senders of its stream have sent and it did not get; for
 # one that joined late or wants some topics only, that includes what it never asked for.
-# Peers that come and go are shown by the descriptor of their connection.  On a terminal the screen is redrawn every "ms" milliseconds; elsewhere lines are
-# printed as often.
+# Peers that come and go are shown by the descriptor of their connection.  On a terminal
+# the screen is redrawn every "ms" milliseconds; elsewhere lines are printed as often.
 
 source [file join [file dirname [info script]] common.tcl]
 need zmq::extra tcl-parvo

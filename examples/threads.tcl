@@ -60,11 +60,15 @@ set body {
 proc asked {} {
     # The thread that asks, the empty frame of its REQ socket, its last result.
     lassign [pool recv] thread - kind name text
-    if {$kind ne "ready"} {
-        show "[encoding convertfrom utf-8 $text] [encoding convertfrom utf-8 $name]"
-    }
     if {$kind eq "failed"} {
         set ::status 1
+    }
+    # Without its output the program ends as on a signal; nothing more is printed.
+    if {$kind ne "ready" && !$::mute && ![printed \
+            "[encoding convertfrom utf-8 $text] [encoding convertfrom utf-8 $name]"]} {
+        set ::mute 1
+        set ::status 1
+        set ::files {}
     }
     if {[llength $::files] > 0} {
         set ::files [lassign $::files name]
@@ -83,6 +87,7 @@ arguments {
 }
 set files $arg(file)
 set status 0
+set mute 0
 set working $arg(count)
 ::zmq::socket create pool ROUTER
 pool bind inproc://pool
