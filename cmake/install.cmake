@@ -63,11 +63,12 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   install(FILES "${PROJECT_BINARY_DIR}/auth-${PROJECT_VERSION}.tm"
     DESTINATION "${parvo_tmdir}/zmq")
 endif()
-# The scripts at the top, and a main.tcl further down, are programs.
+# The scripts at the top are programs, and so are a main.tcl and those of the job queue.
 install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
   FILE_PERMISSIONS ${parvo_file} DIRECTORY_PERMISSIONS ${parvo_program}
   PATTERN "__pycache__" EXCLUDE
-  REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl)$" PERMISSIONS ${parvo_program})
+  REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl|jobs/(queue|worker|submit)\\.tcl)$"
+    PERMISSIONS ${parvo_program})
 install(FILES examples/common.tcl DESTINATION "${PARVO_DOCDIR}/examples") # no program
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
 
