@@ -10,6 +10,7 @@ case ${PARVO_TCL:=8} in
 esac
 build=$(realpath -m "${PARVO_BUILD:-$build}")
 library=$build/$library
+companion=${library%.so}extra.so # of the package zmq::extra
 
 # configure DIRECTORY ?option ...?     configures a build directory for this Tcl
 configure() {

@@ -7,7 +7,7 @@
  */
 #include "extra.h"
 
-#include "command.h"
+#include "../command.h"
 
 #include <errno.h>
 #include <string.h>

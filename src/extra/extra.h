@@ -4,9 +4,9 @@
 #ifndef PARVO_EXTRA_H
 #define PARVO_EXTRA_H
 
-#include "socket_access.h"
-#include "socket_record.h"
-#include "tclsupport.h"
+#include "../socket_access.h"
+#include "../socket_record.h"
+#include "../tclsupport.h"
 
 #include <zmq.h>
 

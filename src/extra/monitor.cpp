@@ -6,7 +6,7 @@
  */
 #include "extra.h"
 
-#include "command.h"
+#include "../command.h"
 #include "monitor_relay.h"
 
 #include <string.h>

@@ -15,8 +15,8 @@
  */
 #include "monitor_relay.h"
 
-#include "signal_block.h"
-#include "socket_access.h"
+#include "../signal_block.h"
+#include "../socket_access.h"
 
 #include <atomic>
 #include <errno.h>
@@ -96,18 +96,21 @@ void kept_send(PVMonitor* m) {
     }
 }
 
-/* Waits for something to do and does it; false once there is nothing more to come. */
-bool relay_step(PVMonitor* m) {
+/*
+ * Waits for something to do and does it; false once there is nothing more to come.  No
+ * other failure ends the thread: without it the socket would stand still.
+ */
+bool pv_relay_step(PVMonitor* m) {
     zmq_pollitem_t items[] = {{m->source, 0, ZMQ_POLLIN, 0},
                               {m->sink, 0, ZMQ_POLLOUT, 0}};
     bool last = false;
     if (zmq_poll(items, m->count > 0 ? 2 : 1, -1) == -1) {
-        return zmq_errno() == EINTR;
+        return zmq_errno() != ETERM;
     }
     if ((items[0].revents & ZMQ_POLLIN) != 0) {
         Event* event = &m->kept[(m->first + m->count) % places];
         if (!event_receive(m->source, event)) {
-            return zmq_errno() == EINTR;
+            return zmq_errno() != ETERM;
         }
         last = event_number(event) == monitorStopped;
         if (last ? m->tells_stop : m->count < eventsKept) {
@@ -149,9 +152,9 @@ void monitor_let_go(PVMonitor* m) {
     }
 }
 
-void* relay_run(void* argument) {
+void* pv_relay_run(void* argument) {
     auto* m = static_cast<PVMonitor*>(argument);
-    while (relay_step(m)) {
+    while (pv_relay_step(m)) {
     }
     monitor_close(m);
     monitor_let_go(m);
@@ -203,7 +206,7 @@ bool monitor_open(PVMonitor* m, const PVSocketAccess* access, void* socket,
         return false;
     }
     SignalBlock block;
-    const int error = pthread_create(&m->thread, nullptr, relay_run, m);
+    const int error = pthread_create(&m->thread, nullptr, pv_relay_run, m);
     if (error != 0) {
         zmq_socket_monitor(socket, nullptr, 0);
         errno = error;
