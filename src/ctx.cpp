@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr useconds_t terminationPause =
-    100000; // microseconds: 100 ms for closing sockets
+// Microseconds that ZeroMQ's thread has for what closed sockets leave to it.
+constexpr useconds_t terminationPause = 100000;
 
 struct {
     std::atomic<void*> ctx; // the context, null while there is none
@@ -31,8 +31,7 @@ Tcl_Mutex mutexForCtx; // guards both fields
 
 /*
  * Creates the context if there is none; the lock is held.  Returns false after a
- * failure.  The error is left to the caller, to be set once the lock is released:
- * setting it may run a script that creates sockets.
+ * failure; the error is left to the caller, which sets it once the lock is released.
  */
 bool ctx_ensure(const char* fn) {
     if (global.ctx.load(std::memory_order_relaxed) != nullptr) {
@@ -86,7 +85,7 @@ int pv_zmq_version() {
     int minor;
     int patch;
     zmq_version(&major, &minor, &patch);
-    return major * 10000 + minor * 100 + patch;
+    return ZMQ_MAKE_VERSION(major, minor, patch);
 }
 
 void pv_ctx_standard_descriptors() {

@@ -14,9 +14,10 @@
 void* pv_ctx_default_new(Tcl_Interp* interp);
 
 /*
- * A thread exit handler; its argument is ignored.  Terminates the context unless a
- * socket is counted; standard error then tells that sockets are left.  Holds the
- * lock for the whole termination, 100 ms and more.
+ * Terminates the context, as a thread's exit handler asks for it, unless a socket is
+ * counted; standard error then tells that sockets are left.  Its argument is ignored.
+ * Holds the lock for the whole termination: 100 ms, and as long as a closed socket
+ * lingers; meanwhile no thread can create or close a socket.
  */
 void pv_ctx_default_destroy(ClientData unused);
 
@@ -28,8 +29,8 @@ void pv_ctx_default_destroy(ClientData unused);
 void* pv_ctx_default_for_socket_new(Tcl_Interp* interp);
 
 /*
- * The version of libzmq that was loaded, as a number: 40304 is 4.3.4.  Versions differ
- * in what they survive.
+ * The version of libzmq that was loaded, as ZMQ_MAKE_VERSION gives it: 40304 is 4.3.4.
+ * Versions differ in what they survive.
  */
 int pv_zmq_version();
 

@@ -51,7 +51,7 @@ void replace(char** field, char* copy) {
     free(old);
 }
 
-/* The copy is tested before it is shown: a reset meanwhile is no failed copy. */
+/* The copy is tested before other threads see it, and may reset what it becomes. */
 char* copy_or_stop(const char* text, const char* condition) {
     char* copy = strdup(text);
     if (copy == nullptr) {

@@ -114,8 +114,9 @@ int ParvoTimestampCmd(ClientData /*unused*/, Tcl_Interp* interp, int objc,
 }
 
 /*
- * Runs once for each load in the exiting thread; the second run finds no context
- * left to terminate.
+ * Runs once for each load in the exiting thread.  The handler of a load after the first
+ * socket runs before the sockets' own and tells that they are left; the last one finds
+ * none.  The log is the process's: it ends for every thread.
  */
 void pv_exit_handler(ClientData clientData) {
     DEBUG_LINE("pv_exit_handler", "thread exit handler to destroy default ctx");

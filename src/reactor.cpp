@@ -139,18 +139,14 @@ int chan_to_fd(Tcl_Interp* interp, const char* name, short event, Tcl_Channel* f
     return fd;
 }
 
-/*
- * The same, once what had gone of the descriptor's entry has left the table.  The
- * look-up is repeated, since a trace on a failed one may close the channel.
- */
+/* The same, once what had gone of the descriptor's entry has left the table. */
 int chan_to_fresh_fd(PVReactor* r, const char* name, short event, Tcl_Channel* found) {
     const int fd = chan_to_fd(r->interp, name, event, found);
     const int position = pv_event_find_chan(r, fd);
-    if (position == -1) {
-        return fd;
+    if (position != -1) {
+        pv_event_refresh(r, position);
     }
-    pv_event_refresh(r, position);
-    return chan_to_fd(r->interp, name, event, found);
+    return fd;
 }
 
 // Handlers.
@@ -377,15 +373,7 @@ void pv_event_refresh(PVReactor* r, int position) {
     if (r->poll.infos[position].kind != EntryKind::channel) {
         return;
     }
-    const int fd = r->poll.items[position].fd;
     Tcl_Channel channel = channel_by_name(r->interp, r->poll.infos[position].name);
-    if (channel == nullptr) {
-        // A trace on the failed look-up may have changed the table: O(n), only here.
-        position = pv_event_find_chan(r, fd);
-        if (position == -1 || r->poll.infos[position].kind != EntryKind::channel) {
-            return;
-        }
-    }
     if (channel != r->poll.infos[position].channel) {
         channel_entry_delete(r, position);
         return;

@@ -70,6 +70,9 @@ int pv_bgerror_default(PVBgerror* s, Tcl_Interp* interp) {
                          static_cast<const char*>(nullptr));
         return TCL_ERROR;
     }
+    if (s->initialized) {
+        return TCL_OK; // a trace on the procedures' definition came here first
+    }
     Tcl_Obj* prefix = Tcl_NewStringObj(defaultPrefix, -1);
     if (prefix == nullptr) {
         return fail(interp, "failed to create new string value", "QEL", "REACTOR",
@@ -83,11 +86,10 @@ PVBgerror* pv_bgerror_init(PVBgerror* s, Tcl_Interp* interp) {
     if (pv_bgerror_default(s, interp) != TCL_OK) {
         return nullptr;
     }
-    if (s->initialized) {
-        return s; // a trace on the procedures' definition came here first
+    if (!s->initialized) {
+        s->interp = interp;
+        s->initialized = true;
     }
-    s->interp = interp;
-    s->initialized = true;
     return s;
 }
 
@@ -308,6 +310,7 @@ void pv_bgerror_code(int code) {
     }
     s->failures++;
     const InterpHold interp(s->interp);
+    const ObjRef prefix(s->bgerror); // the callbacks of a limit are scripts
     Tcl_InterpState failure = Tcl_SaveInterpState(interp.get(), code);
     if (!pv_interp_evaluates(interp.get())) {
         Tcl_DiscardInterpState(failure);
@@ -316,7 +319,7 @@ void pv_bgerror_code(int code) {
     Tcl_RestoreInterpState(interp.get(), failure);
     const ObjRef message(Tcl_GetObjResult(interp.get()));
     const ObjRef options(Tcl_GetReturnOptions(interp.get(), code));
-    const ObjRef call(handler_call(s->bgerror));
+    const ObjRef call(handler_call(prefix.get()));
     Tcl_ListObjAppendElement(nullptr, call.get(), message.get());
     Tcl_ListObjAppendElement(nullptr, call.get(), options.get());
     if (handler_evaluate(interp.get(), call.get()) != TCL_OK) {

@@ -77,7 +77,7 @@ void list_entry(PVReactor* r, int i, Tcl_Obj* events) {
     const PVPollInfo* info = &r->poll.infos[i];
     const bool signals = pv_signal_fd(r->signal, r->poll.items[i].fd);
     // A channel with two descriptors names its key twice, and the dictionary keeps the
-    // first key object: the second needs a holder.
+    // first key object: the second one is released here.
     const ObjRef key(signals ? Tcl_NewStringObj("signals", -1)
                              : pv_reactor_item_name(r, i));
     if (key.get() != nullptr) {

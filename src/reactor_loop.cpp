@@ -273,8 +273,11 @@ int pv_reactor_loop(PVReactor* r, Tcl_Interp* caller) {
     while (pass_lives(pass) && r->running) {
         const bool sound = iterate(&pass, &backoff);
         if (pass_lives(pass) && !may_evaluate(r, caller, sound)) {
-            pv_reactor_running(r, false);
             code = TCL_ERROR;
+            if (!pass_lives(pass)) { // the callbacks of a limit are scripts
+                break;
+            }
+            pv_reactor_running(r, false);
         }
     }
     DEBUG_LINE("pv_reactor_loop", "exiting");

@@ -23,12 +23,11 @@ enum class EntryKind {
 /* What belongs to one entry of the handler table. */
 struct PVPollInfo {
     EntryKind kind;
-    PVSockData* socket; // socket: its record; others: null
-    Tcl_Channel
-        channel;    // channel: the channel while Tcl has it, then null; others: null
-    Tcl_Obj* name;  // channel: its name, one reference; others: null
-    Tcl_Obj* read;  // script for readable, one reference, or null
-    Tcl_Obj* write; // script for writable, one reference, or null
+    PVSockData* socket;  // socket: its record; others: null
+    Tcl_Channel channel; // channel: while Tcl has it; others: null
+    Tcl_Obj* name;       // channel: its name, one reference; others: null
+    Tcl_Obj* read;       // script for readable, one reference, or null
+    Tcl_Obj* write;      // script for writable, one reference, or null
 };
 
 /*

@@ -71,8 +71,9 @@ int pv_signal_fd_mask(PVSignal* s, sigset_t* mask) {
 }
 
 /*
- * Takes a blocking back, without a report of its own: the step that failed gives the
- * message, and a report runs scripts.
+ * Unblocks a signal whose trap failed, also when it was blocked before: a signal that
+ * neither a trap nor its disposition receives would be lost.  The step that failed
+ * gives the message.
  */
 void signal_unblock_again(int sig) {
     sigset_t mask;

@@ -94,7 +94,8 @@ int pv_signal_block_mask(PVSignal* s, int how, const sigset_t* mask) {
                 "QEL", "SIGNAL", "BLOCK");
 }
 
-/* A trapped signal that were unblocked would meet its disposition instead. */
+/* Refuses to unblock trapped signals: their dispositions would act instead of the
+ * traps. */
 int pv_signal_unblock_trap_check(PVSignal* s, const sigset_t* mask) {
     for (int sig = 1; sig <= signalMax; sig++) {
         const int member = sigismember(mask, sig);

@@ -27,9 +27,8 @@ constexpr long defaultTimeout = 5000; // milliseconds
 constexpr long nearlyDue = 1000;      // microseconds: the shortest wait of a poll
 constexpr char idPrefix[] = "after#";
 constexpr size_t idPrefixLength = sizeof idPrefix - 1;
-constexpr size_t idMax = 32; // bytes of an id with a 64-bit number
-constexpr int levelsMax =
-    12; // of the list: with four times the tasks one more is of use
+constexpr size_t idMax = 32;  // bytes of an id with a 64-bit number
+constexpr int levelsMax = 12; // of the list; each serves four times as many tasks
 
 } // namespace
 

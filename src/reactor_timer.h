@@ -10,9 +10,8 @@ struct PVTimer;
 
 /*
  * The calling thread's timer store, set up for interp when there is none.  Returns null
- * with an error
- * ("QEL" "TIMER" "THREAD" "DATA") left in interp after a failure, and null for a null
- * interp when there is none.
+ * with an error ("QEL" "TIMER" "THREAD" "DATA") left in interp after a failure, and
+ * null for a null interp when there is none.
  */
 PVTimer* pv_timer(Tcl_Interp* interp);
 
@@ -32,9 +31,10 @@ long pv_schedule_timeout(const PVTimer* s);
 long pv_schedule_due(const PVTimer* s);
 
 /*
- * Runs the tasks that are due and were scheduled before this call, in due order.
- * Scripts may do anything; their failures go to the background-error handler.  Tells
- * whether a task ran.
+ * Runs the tasks that are due and were scheduled before this call, in due order.  A
+ * task scheduled meanwhile ends the pass where it stands first: those behind it wait
+ * for the next one.  The caller holds the interpreter; scripts may do anything, and
+ * their failures go to the background-error handler.  Tells whether a task ran.
  */
 bool pv_schedule_dispatch(PVTimer* s);
 

@@ -19,7 +19,8 @@ Tcl_Time pv_clock_after(const Tcl_Time& now, long ms);
 
 /*
  * Milliseconds from t1 to t2 for a poll time-out: 0 when t2 is not later, at least 1
- * within the same second, otherwise truncated; LONG_MAX when a long holds no more.
+ * within the same second, otherwise each second's part truncated by itself; LONG_MAX
+ * when a long holds no more.
  */
 long diff_for_timeout(const Tcl_Time& t1, const Tcl_Time& t2);
 

@@ -20,8 +20,8 @@ class SignalBlock {
     }
     ~SignalBlock() {
         const int error = errno;
-        // A thread left with every signal blocked could no longer be stopped: the
-        // mask is put back again should the first attempt not be taken.
+        // A thread left with every signal blocked could no longer be stopped: a failed
+        // attempt to put the mask back is repeated once.
         for (int attempt = 0; blocked_ && attempt < 2; attempt++) {
             blocked_ = pthread_sigmask(SIG_SETMASK, &before_, nullptr) != 0;
         }

@@ -18,8 +18,8 @@ int ParvoSocketCmd(ClientData unused, Tcl_Interp* interp, int objc,
 
 /*
  * The ZeroMQ socket of the socket command that name resolves to in interp, or null
- * when name is no socket command of this thread.  Leaves no error, unless the
- * thread's registry cannot be had.
+ * when name is no socket command of this thread.  Leaves an error only when the
+ * thread's registry cannot be made.
  */
 void* pv_socket_get(Tcl_Interp* interp, const char* name);
 

@@ -2,8 +2,7 @@
  * socket_methods.cpp -- the methods of a socket.
  *
  * A frame is a byte array in both directions: send gives ZeroMQ the argument's own
- * bytes, recv copies each frame once.  Setting an error may run a script that deletes
- * the socket, so no method touches its record after a failure was reported.
+ * bytes, recv copies each frame once.
  */
 #include "socket_methods.h"
 
@@ -383,7 +382,10 @@ int pv_socket_command(ClientData clientData, Tcl_Interp* interp, int objc,
     if (objc < 2) {
         return wrong_count(interp, 1, objv, "method ?arg...?");
     }
-    const auto* row = method_row(d->reuse, interp, objv[1]);
+    // After its thread's store has ended nothing is kept there any more.
+    const auto* row = d->socket != nullptr
+                          ? method_row(d->reuse, interp, objv[1])
+                          : command_row(interp, methods, objv[1], "method");
     if (row == nullptr) {
         return TCL_ERROR;
     }

@@ -83,7 +83,7 @@ constexpr PVSockOpt pv_socket_options[] = {
     {nullptr, -1, Access(), ZO_NONE},
 };
 
-constexpr size_t valueMax = 256;   // bytes of the longest text or binary option value
+constexpr size_t valueMax = 256; // bytes of a text or binary value; see zmq_options(n)
 constexpr Tcl_Size z85Length = 40; // characters of an encoded 32-byte key
 
 /*

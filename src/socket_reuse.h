@@ -45,8 +45,9 @@ struct PVReuse {
 };
 
 /*
- * Begins a message: its list is empty and nobody else's.  It is the store's, good until
- * the next call; a caller that keeps the list takes a reference.
+ * Begins a message: its list is empty, and only the store has a reference to it.  The
+ * record belongs to the store and is valid until the next call; a caller that keeps the
+ * list takes a reference.
  */
 PVKeptMessage* pv_reuse_message(PVReuse* reuse);
 

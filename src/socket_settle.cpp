@@ -1,5 +1,5 @@
 /*
- * socket_settle.cpp -- waits until no connection of a socket is half gone.
+ * socket_settle.cpp -- waits until each connection of a socket has both of its ends.
  *
  * libzmq up to 4.3.5 tells the other end of each connection of new high-water marks,
  * also an end that is about to be freed, or has been: ZeroMQ's I/O thread frees its end
@@ -10,7 +10,8 @@
  * The I/O thread does what it is told in the order in which it was told.  So a message
  * between two other sockets, through the same thread, comes after everything that this
  * socket had agreed to before, and after the answers to that.  When the socket has no
- * command waiting then, no connection is half gone.
+ * command waiting then, no connection is half gone.  The context has one I/O thread,
+ * the number that libzmq starts unless it is told otherwise.
  *
  * The other end of an inproc connection belongs to the peer's own thread: nothing short
  * of that thread's next call tells whether it has been freed.
@@ -28,9 +29,9 @@
 
 namespace {
 
-constexpr int firstHarmless = 40306; // libzmq 4.3.6
-constexpr int roundTripMax = 5000;   // milliseconds; a round trip takes some 0.4
-constexpr int roundsMax = 1000;      // peers that come and go at such a rate never end
+constexpr int firstHarmless = ZMQ_MAKE_VERSION(4, 3, 6); // checks the other end
+constexpr int roundTripMax = 5000; // milliseconds; a round trip takes some 0.4
+constexpr int roundsMax = 1000;    // each meets a peer that has just come or gone
 
 /* A short-lived PAIR socket; null with errno set after a failure. */
 void* pair_open(void* ctx) {
@@ -52,18 +53,17 @@ void pair_close(void* socket) {
     errno = error;
 }
 
-/* Sends an empty message through the I/O thread; false with errno set when it is lost.
+/* Sends an empty message through the I/O thread; false with errno set after a failure.
  */
 bool round_trip(void* from, void* to) {
-    char endpoint[96];
+    char endpoint[96]; // the prefix, three numbers and a pointer
     struct timeval now;
     gettimeofday(&now, nullptr);
     // A name outside the file system that no other process or thread takes.
     snprintf(endpoint, sizeof endpoint, "ipc://@parvo-%d-%p-%ld%06ld", getpid(), from,
              static_cast<long>(now.tv_sec), static_cast<long>(now.tv_usec));
     return zmq_bind(to, endpoint) == 0 && zmq_connect(from, endpoint) == 0 &&
-           zmq_send(from, "", 0, ZMQ_DONTWAIT) == 0 &&
-           zmq_recv(to, endpoint, 1, 0) == 0;
+           zmq_send(from, "", 0, ZMQ_DONTWAIT) == 0 && zmq_recv(to, nullptr, 0, 0) == 0;
 }
 
 /* Returns once the I/O thread has done all that it was told before. */
@@ -87,6 +87,7 @@ int pv_socket_settle(void* socket) {
     if (zmq_getsockopt(socket, ZMQ_FD, &commands.fd, &size) == -1) {
         return -1;
     }
+    pv_ctx_standard_descriptors();
     for (int i = 0; i < roundsMax; i++) {
         int events; // asking for them makes the socket do what it is told
         size = sizeof events;
@@ -98,5 +99,6 @@ int pv_socket_settle(void* socket) {
             return 0;
         }
     }
-    return 0;
+    errno = EAGAIN; // an error is better than a change that may end the process
+    return -1;
 }

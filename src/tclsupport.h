@@ -84,8 +84,8 @@ constexpr Tcl_Size bytesMax = TCL_SIZE_MAX - 64;
  * afterwards.  words: the error code, word by word, C strings that must not lie in
  * interp's result.  Returns TCL_ERROR.
  *
- * A write trace on ::errorCode runs here and may delete what the caller works on,
- * sockets included: this is the last thing a caller does.
+ * No script runs here: Tcl writes the variable ::errorCode, whose traces may delete
+ * anything, when the result is next reset, which is after the command has returned.
  */
 template <typename... Words>
 int fail(Tcl_Interp* interp, Tcl_Obj* message, Words... words) {
@@ -162,7 +162,7 @@ class ObjRef {
     Tcl_Obj* obj_;
 };
 
-/* Keeps an interpreter's memory for a scope, whoever deletes it meanwhile. */
+/* Keeps an interpreter's memory for a scope, also when a script deletes it. */
 class InterpHold {
   public:
     explicit InterpHold(Tcl_Interp* interp) : interp_(interp) {
