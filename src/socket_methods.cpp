@@ -210,12 +210,18 @@ int pv_socket_meth_send(PVSockData* d, Tcl_Interp* interp, int objc,
     return TCL_OK;
 }
 
-/* What went wrong with a frame; reported once the socket needs no more care. */
-struct RecvFailure {
-    const char* what = nullptr; // the message, null while all is well
-    const char* word = nullptr; // last word of the error code
-    int error = -1;             // ZeroMQ's error number, -1: not part of the message
+/* A step of receiving a frame, for the report that it failed. */
+struct RecvStep {
+    const char* failure; // the message
+    const char* word;    // last word of the error code
 };
+
+constexpr RecvStep recvInit = {"failed to initialize frame", "INIT"};
+constexpr RecvStep recvFrame = {"failed to receive frame", "FRAME"};
+constexpr RecvStep recvBytes = {"failed to create byte array for frame", "BYTES"};
+constexpr RecvStep recvClose = {"failed to release frame", "CLOSE"};
+constexpr RecvStep recvAppend = {"failed to append bytes to list", "APPEND"};
+constexpr RecvStep recvMore = {"failed to check for more frames", "GETSOCKOPT"};
 
 int frames_follow(void* socket, int* more) {
     size_t size = sizeof *more;
@@ -243,43 +249,50 @@ struct Received {
     int count = 0;         // frames in the list
     Tcl_WideInt bytes = 0; // their bytes
     int more = 0;          // not 0: another frame follows
+    int error = -1;        // of ZeroMQ, where the report names it
 };
 
-/* Receives one frame of a message. */
-RecvFailure recv_frame(const PVSockData* d, int flags, Received* message) {
+/* A step that ZeroMQ refused: its error number is read before anything changes it. */
+const RecvStep* recv_refused(const RecvStep& step, Received* message) {
+    message->error = zmq_errno();
+    return &step;
+}
+
+/* Receives one frame of a message.  Returns null, or the step that failed. */
+const RecvStep* recv_frame(const PVSockData* d, int flags, Received* message) {
     Message frame;
     if (frame.init() == -1) {
-        return {"failed to initialize frame", "INIT", zmq_errno()};
+        return recv_refused(recvInit, message);
     }
     if (zmq_msg_recv(frame.get(), d->socket, flags) == -1) {
-        return {"failed to receive frame", "FRAME", zmq_errno()};
+        return recv_refused(recvFrame, message);
     }
     message->more = 1; // until ZeroMQ tells: a failure from here on discards the rest
     const size_t size = zmq_msg_size(frame.get());
     if (size > static_cast<size_t>(bytesMax)) {
-        return {"failed to create byte array for frame", "BYTES"};
+        return &recvBytes;
     }
     const ObjRef bytes(pv_reuse_frame(d->reuse, message->kept, message->count,
                                       zmq_msg_data(frame.get()), size));
     if (frame.close() == -1) {
-        return {"failed to release frame", "CLOSE"};
+        return &recvClose;
     }
     if (Tcl_ListObjAppendElement(nullptr, message->kept->list, bytes.get()) != TCL_OK) {
-        return {"failed to append bytes to list", "APPEND"};
+        return &recvAppend;
     }
     if (frames_follow(d->socket, &message->more) == -1) {
-        return {"failed to check for more frames", "GETSOCKOPT", zmq_errno()};
+        return recv_refused(recvMore, message);
     }
     message->count++;
     message->bytes += static_cast<Tcl_WideInt>(size);
-    return {};
+    return nullptr;
 }
 
-int fail_recv(Tcl_Interp* interp, const RecvFailure& failure) {
-    Tcl_Obj* message = failure.error != -1 ? Tcl_ObjPrintf("%s: %s", failure.what,
-                                                           zmq_strerror(failure.error))
-                                           : Tcl_NewStringObj(failure.what, -1);
-    return fail(interp, message, "ZMQ", "SOCKET", "RECV", failure.word);
+int fail_recv(Tcl_Interp* interp, const RecvStep& step, int error) {
+    Tcl_Obj* message = error != -1
+                           ? Tcl_ObjPrintf("%s: %s", step.failure, zmq_strerror(error))
+                           : Tcl_NewStringObj(step.failure, -1);
+    return fail(interp, message, "ZMQ", "SOCKET", "RECV", step.word);
 }
 
 /* $sock recv ?-nowait? */
@@ -288,13 +301,13 @@ int pv_socket_meth_recv(PVSockData* d, Tcl_Interp* interp, int objc,
     const int flags = objc == 3 && is_nowait(objv[2]) ? ZMQ_DONTWAIT : 0;
     Received message = {pv_reuse_message(d->reuse)};
     do {
-        const RecvFailure failure = recv_frame(d, flags, &message);
-        if (failure.what != nullptr) {
+        const RecvStep* failed = recv_frame(d, flags, &message);
+        if (failed != nullptr) {
             pv_reuse_clear(message.kept);
             if (message.more != 0) {
                 discard_rest(d->socket);
             }
-            return fail_recv(interp, failure);
+            return fail_recv(interp, *failed, message.error);
         }
     } while (message.more != 0);
     pv_socket_received_bytes(d, message.bytes);

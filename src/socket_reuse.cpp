@@ -12,6 +12,7 @@
 
 #include "tclsupport.h"
 
+#include <limits.h>
 #include <string.h>
 
 namespace {
@@ -60,11 +61,7 @@ Tcl_Obj* pv_reuse_frame(const PVReuse* reuse, PVKeptMessage* message, int i,
 }
 
 void pv_reuse_clear(PVKeptMessage* message) {
-    Tcl_Size length = 0;
-    Tcl_ListObjLength(nullptr, message->list, &length);
-    if (length > 0) {
-        Tcl_ListObjReplace(nullptr, message->list, 0, length, 0, nullptr);
-    }
+    Tcl_ListObjReplace(nullptr, message->list, 0, INT_MAX, 0, nullptr); // all there are
 }
 
 void pv_reuse_release(PVReuse* reuse) {

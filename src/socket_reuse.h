@@ -38,7 +38,7 @@ struct PVKeptWord {
  */
 struct PVReuse {
     PVKeptMessage messages[keptMessages];
-    int next; // the message to use next
+    unsigned next; // the message to use next
     PVKeptWord words[keptWords];
     const Tcl_ObjType* listType;  // what Tcl gives to a new list; null until first use
     const Tcl_ObjType* bytesType; // and to a new byte array
