@@ -31,13 +31,13 @@ proc complain {message {options {}}} {
 
 # ---- Output
 
-# Writes a line about the work.  The work goes on when nothing can be written, because a
-# disk is full or nobody reads any more.
+# Writes a line about the work, which goes on when that fails, because a disk is full or the
+# reader has gone.  A reader that is there and does not read makes the program wait.
 proc say {text {channel stdout}} {
     catch {puts $channel $text}
 }
 
-# Writes a line that is the purpose of the program, which ends with status 1 when that fails.
+# Writes a line that is the purpose of the program; ends it with status 1 when that fails.
 proc show {text} {
     if {![printed $text]} {
         exit 1
@@ -107,7 +107,8 @@ proc take_options {options words position} {
         } elseif {![regexp {^--?[[:alpha:]]} $word]} {
             lappend others $word
         } elseif {![dict exists $options $word]} {
-            refuse option $word [join [concat [dict keys $options] {{"--" before an argument}}] { or }]
+            lappend wanted {*}[dict keys $options] "\"--\" before an argument"
+            refuse option $word [join $wanted " or "]
         } else {
             set words [lassign $words value]
             check $word [dict get $options $word] $value
@@ -164,8 +165,10 @@ proc kind_choice {value args} {
 }
 # Text has a meaning only in an encoding that the locale names.
 proc kind_text {value} {
-    list [expr {$::userEncoding ne "ascii" || [string is ascii $value]}] \
-        "ASCII text, or a locale that has more (LC_ALL=C.UTF-8)"
+    if {$::userEncoding ne "ascii"} {
+        return {1 "a text"}
+    }
+    list [string is ascii $value] "ASCII text, or a locale that has more (LC_ALL=C.UTF-8),"
 }
 proc kind_file {value} {
     list [expr {$value ne {}}] "the name of a file"
