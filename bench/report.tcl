@@ -211,21 +211,29 @@ rounds. [file tail $::here]/README.md tells what each row measures."
     return $text
 }
 
+# A ratio and its target, in words.
+proc wanted {rows name subject} {
+    set target [cell $rows target $name $subject]
+    return "[format %.2f [cell $rows ratio $name $subject]][expr {
+        $target eq "" ? "" : " ($target wanted)"}]"
+}
+
 # What the README shows: five lines and a plot.
 proc summary {rows} {
-    set lines [list "[machine]; the median of the rounds, and the best:" ""]
+    set lines [list "[machine]; medians of the rounds, and the best:" ""]
     foreach {name what} {
         inproc-64 "64 B to itself over inproc, sent and received"
         recv-64 "64 B received over tcp" reactor-0 "64 B over tcp, each by a handler of the reactor"
         jobs "jobs of 1 KiB through examples/worker.tcl"
     } {
-        lappend lines "* $what: [short [cell $rows median $name] op/s], [short [cell $rows \
-            best $name] op/s] a second; [aimed [compared $name op/s package raw]] of raw C,\
-            [aimed [compared $name op/s package pyzmq]] times pyzmq."
+        lappend lines "* $what: [short [cell $rows median $name] op/s] a second, [short \
+            [cell $rows best $name] op/s] at best; [wanted $rows $name raw] of raw C, bare\
+            commands [format %.2f [lindex [compared $name op/s bare raw] 0]];\
+            [wanted $rows $name pyzmq] times pyzmq."
     }
-    lappend lines "* One more timer where 100,000 stand: [aimed [compared \
-        timers-random-100000 op/s package after]] times Tcl's `after`; `package require zmq`\
-        and exit, installed: [aimed [compared start-end ms package tclsh]] ms." "" \
+    lappend lines "* One more timer where 100,000 stand: [wanted $rows \
+        timers-random-100000 after] times Tcl's `after`; `package require zmq` and exit,\
+        installed: [wanted $rows start-end tclsh] ms." "" \
         "!\[Messages per second as a share of raw C\](bench/throughput.svg)"
     return [join $lines \n]
 }
