@@ -81,7 +81,11 @@ proc answer {job text failed} {
 proc result {} {
     set frames [lassign [results recv -nowait] kind worker job]
     if {$kind eq "result"} {
-        answer $job "[frame_text $worker]: [join [lmap frame $frames {frame_text $frame}]]" 0
+        set text "[frame_text $worker]:"
+        foreach frame $frames {
+            append text " [frame_text $frame]"
+        }
+        answer $job $text 0
     }
 }
 proc failure {} {
@@ -121,6 +125,7 @@ foreach {socket event} {jobs {} results result dead failure} {
     }
 }
 fconfigure stdin -blocking 0
+take_any_bytes stdin
 ::qel::reactor event stdin readable readable
 look_after
 ::qel::reactor start

@@ -250,6 +250,12 @@ proc frame_text {frame} {
     return [shown $text]
 }
 
+# Lets a channel read lines whose bytes are no text in its encoding.  Tcl 9 makes an error
+# of them unless it is told otherwise; Tcl 8 does not have the option.
+proc take_any_bytes {channel} {
+    catch {fconfigure $channel -profile tcl8}
+}
+
 # A text as a line on standard output can show it: control characters, and those that the
 # locale does not have, become their numbers, as in Tcl's own \u20ac.
 proc shown {text} {

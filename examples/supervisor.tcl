@@ -35,7 +35,8 @@ proc start {number pause} {
         ::qel::reactor after $::pauseMax [list start $number $pause]
         return
     }
-    fconfigure $channel -blocking 0 -buffering line
+    fconfigure $channel -blocking 0
+    take_any_bytes $channel
     dict set ::workers $channel \
         [dict create number $number began [clock milliseconds] pause $pause]
     ::qel::reactor event $channel readable [list output $channel]
