@@ -42,7 +42,7 @@ proc measurement {args} {
 # The programs that the commands run.
 
 proc start {command} {
-    return [open |[concat timeout 300 $command [list 2>@stderr]] r]
+    return [open |[concat timeout 60 $command [list 2>@stderr]] r]
 }
 
 # The values that a program prints; it and those that serve it are ended.
@@ -139,12 +139,20 @@ if {[llength $selected] == 0} {
     exit 1
 }
 puts [machine]
+set failed {}
 set begin [clock seconds]
 for {set round 0} {$round < $most} {incr round} {
     if {$round >= $least && [clock seconds] - $begin > $limit * $round / ($round + 1.0)} break
     foreach measurement $selected {
-        measure $measurement $round
+        if {[catch {measure $measurement $round} message]} {
+            puts stderr "bench: left out: [lindex $measurement 3]: $message"
+            lappend failed $measurement
+        }
     }
+    set selected [lmap measurement $selected {
+        if {$measurement in $failed} continue
+        set measurement
+    }]
     puts "round [expr {$round + 1}]: [expr {[clock seconds] - $begin}] s,\
         load average [lindex [read_file /proc/loadavg] 0]"
 }
@@ -157,15 +165,16 @@ foreach row $rows {
     }
 }
 
-# Only a full run replaces what the documentation shows.
-set full [expr {!$quick && [llength $names] == 0}]
+# Only a full run, of all rows, replaces what the documentation shows.
+set full [expr {!$quick && [llength $names] == 0 && [llength $failed] == 0}]
 set directory [expr {$full ? $here : [file join $build bench]}]
 write_file [file join $directory results.csv] [csv $rows]
 write_file [file join $directory results.md] [report $rows $round]
-if {[llength $names] == 0} {
+if {[llength $names] == 0 && [llength $failed] == 0} {
     plot $directory $rows
 }
 if {$full} {
     show_in [file join [file dirname $here] README.md] [summary $rows]
 }
 puts "written: [file join $directory results.md]"
+exit [expr {[llength $failed] > 0}]
