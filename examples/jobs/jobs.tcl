@@ -37,7 +37,9 @@ proc from_bytes {bytes} {encoding convertfrom utf-8 $bytes}
 # Writes a line for people.  That nobody can read it (full disk, closed pipe) stops no work.
 proc log {text} {catch {puts stderr "[::qel::timestamp] $::program: $text"}}
 
+# The reactor calls the end of a pipe unhandled when the last data arrive with it.
 proc complain {message {options {}}} {
+    if {[string match "*unhandled ZMQ_POLLERR*" $message]} return
     log "error: $message"
     catch {log [dict get $options -errorinfo]}
 }
@@ -118,7 +120,7 @@ proc disconnect_queue {linger} {
 }
 
 # What finds no connection may be dropped: all is said again after the next hello.
-proc tell {args} {
+proc inform {args} {
     if {[catch {$::queue send -nowait {*}$args}]} {set ::greeted 0}
 }
 
@@ -142,7 +144,7 @@ proc hear_welcome {settings} {
 }
 
 # Looks are counted, not time: a process that was suspended blames nobody when it goes on.
-proc beat {} {if {$::greeted} {tell beat}}
+proc beat {} {if {$::greeted} {inform beat}}
 proc watch {} {
     ::qel::reactor after [dict get $::settings beat] watch
     beat

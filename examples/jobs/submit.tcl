@@ -66,7 +66,7 @@ proc read_jobs {} {
     }
     if {[llength $numbers]} {
         incr ::bytes $size
-        tell submit $numbers {*}$jobs
+        inform submit $numbers {*}$jobs
     }
     if {[eof stdin]} {set ::eof 1}
     arrange
@@ -78,7 +78,7 @@ proc arrange {} {
         set ::reading $want
         ::qel::reactor event stdin readable [expr {$want ? "read_jobs" : ""}]
     }
-    if {$::eof && $::greeted && ![array size ::line]} {tell forget}
+    if {$::eof && $::greeted && ![array size ::line]} {inform forget}
 }
 proc submit_again {numbers} {
     while {[llength $numbers]} {
@@ -91,16 +91,16 @@ proc submit_again {numbers} {
             }
         }
         set numbers [lrange $numbers 200 end]
-        if {[llength $some]} {tell submit $some {*}$jobs}
+        if {[llength $some]} {inform submit $some {*}$jobs}
     }
 }
 
 proc hear_hello {version} {
     if {$version != 1} {hear_error "the queue speaks version $version, this program version 1"}
-    tell hello 1 submitter $::option(-name) $::token
+    inform hello 1 submitter $::option(-name) $::token
 }
 proc welcomed {} {
-    if {$::option(-forget)} {return [tell forget]}
+    if {$::option(-forget)} {return [inform forget]}
     submit_again [lsort -integer [array names ::line]]
     arrange
 }
@@ -147,7 +147,7 @@ proc hear_results {numbers args} {
         log "cannot write results: $message: run again as -name $::option(-name)"
         return [finish 1]
     }
-    tell acknowledge $numbers
+    inform acknowledge $numbers
     arrange
 }
 proc hear_dead {numbers args} {
@@ -157,7 +157,7 @@ proc hear_dead {numbers args} {
             log "job $number is dead: [join [from_bytes $reasons] {; }]"
         }
     }
-    tell acknowledge $numbers
+    inform acknowledge $numbers
     arrange
 }
 proc hear_forgotten {} {finish [expr {$::total(dead) > 0}]}
@@ -176,20 +176,21 @@ proc hear_status {text} {
     finish 0
 }
 
-# Results known from an earlier run; an end that was cut off is not a result.
+# Results known from an earlier run; an end that was cut off is not a result.  What another
+# submitter of this name still writes, before it learns that it was replaced, is added.
 proc open_results {file} {
-    set ::results [open $file {RDWR CREAT} 0666]
+    set ::results [open $file {RDWR CREAT APPEND} 0666]
     fconfigure $::results -translation binary
+    seek $::results 0
     set end 0
     while {[gets $::results text] >= 0} {
         if {[eof $::results]} break
-        set end [tell_position]
+        set end [tell $::results]
         if {[regexp {^(\d+) } $text -> number]} {set ::have($number) 1}
     }
     chan truncate $::results $end
-    seek $::results $end
+    seek $::results 0 end
 }
-proc tell_position {} {::chan tell $::results}
 
 proc draw_progress {} {
     set seen [expr {$::number - [array size ::line]}]
@@ -214,7 +215,7 @@ if {$option(-results) ne "" && [catch {open_results $option(-results)} message]}
 ::qel::reactor bgerror complain
 connect_queue
 if {$option(-status)} {
-    proc hear_hello {version} {tell status}
+    proc hear_hello {version} {inform status}
 } elseif {!$option(-forget) && [dict exists [fconfigure stderr] -mode]} {
     draw_progress
 }

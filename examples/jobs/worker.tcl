@@ -73,15 +73,15 @@ proc hear_hello {version} {
     foreach {submitter number job} [lrange $::backlog $::head end] {
         lappend held($submitter) $number
     }
-    tell hello 1 worker $::option(-name) $::token $::credit {*}[array get held]
+    inform hello 1 worker $::option(-name) $::token $::credit {*}[array get held]
 }
 proc welcomed {} {
     foreach key [array names ::open] {
         regexp {^(.*)/(\d+)$} $key -> submitter number
         lassign $::open($key) kind outcome
-        tell $kind $submitter $::credit $number $outcome
+        inform $kind $submitter $::credit $number $outcome
     }
-    if {$::stopping} {tell bye}
+    if {$::stopping} {inform bye}
 }
 proc hear_kept {submitter numbers} {
     foreach number $numbers {unset -nocomplain ::open($submitter/$number)}
@@ -137,7 +137,7 @@ proc work {} {
     foreach key [array names numbers] {
         regexp {^(\w+),(.*)$} $key -> kind submitter
         incr ::total($kind) [llength $numbers($key)]
-        if {$::greeted} {tell $kind $submitter $::credit $numbers($key) {*}$outcomes($key)}
+        if {$::greeted} {inform $kind $submitter $::credit $numbers($key) {*}$outcomes($key)}
     }
     if {$head < [llength $backlog] && !$::working} {
         set ::working 1
@@ -152,7 +152,7 @@ proc stop {signal} {
     set ::backlog {}
     set ::head 0
     ::qel::reactor after [expr {[array size ::open] ? [dict get $::limits linger] : 1000}] give_up
-    if {$::greeted} {tell bye}
+    if {$::greeted} {inform bye}
 }
 proc hear_bye {} {
     if {$::stopping} {::qel::reactor stop}
