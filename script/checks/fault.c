@@ -2,7 +2,7 @@
  * fault.c -- makes the N-th call of a chosen function fail, once or for good.
  *
  * Preloaded, it stands before libzmq and libc; loaded as a package, it also puts itself
- * into Tcl's stubs table and gives a command.  Only calls that come from libparvo.so count.
+ * into Tcl's stubs table and gives a command.  Only calls that come from the library count.
  *
  *   fault arm function n error ?forgood?   fails the n-th call from here on
  *   fault off                              gives how often the armed function failed
@@ -46,7 +46,7 @@ static struct {
 /* Tells whether an address lies in the library. */
 static int ours(const void* caller) {
     Dl_info info;
-    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "libparvo.so") != NULL;
+    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "parvo.so") != NULL;
 }
 
 /* Tells whether this call fails; caller: the address that it returns to. */
@@ -254,15 +254,16 @@ int __vasprintf_chk(char** text, int flag, const char* fmt, va_list args) {
 
 /* Functions of Tcl, which the library calls through the stubs table. */
 static TclStubs real;
+typedef __typeof__(((Tcl_DString*) NULL)->length) Length; /* int in Tcl 8, Tcl_Size in 9 */
 
 #define STUB(type, slot, params, args, failure)                                        \
     static type fault_##slot params {                                                  \
         return FAILS(#slot) ? failure : real.slot args;                                \
     }
 
-STUB(char*, tcl_AttemptAlloc, (unsigned n), (n), NULL)
-STUB(void*, tcl_GetThreadData, (Tcl_ThreadDataKey * k, int n), (k, n), NULL)
-STUB(Tcl_Obj*, tcl_NewStringObj, (const char* t, int n), (t, n), NULL)
+STUB(void*, tcl_AttemptAlloc, (Length n), (n), NULL)
+STUB(void*, tcl_GetThreadData, (Tcl_ThreadDataKey * k, Length n), (k, n), NULL)
+STUB(Tcl_Obj*, tcl_NewStringObj, (const char* t, Length n), (t, n), NULL)
 STUB(int, tcl_ListObjAppendElement, (Tcl_Interp * i, Tcl_Obj* l, Tcl_Obj* e), (i, l, e),
      TCL_ERROR)
 STUB(int, tcl_DictObjPut, (Tcl_Interp * i, Tcl_Obj* d, Tcl_Obj* k, Tcl_Obj* v),
@@ -271,6 +272,9 @@ STUB(int, tcl_GetCommandInfo, (Tcl_Interp * i, const char* n, Tcl_CmdInfo* c), (
 STUB(Tcl_Command, tcl_CreateObjCommand,
      (Tcl_Interp * i, const char* n, Tcl_ObjCmdProc* p, ClientData c, Tcl_CmdDeleteProc* d),
      (i, n, p, c, d), NULL)
+
+/* Without the type: Tcl 8 and 9 differ in those of lengths and of memory. */
+#define REPLACE(slot) stubs->slot = (void*) fault_##slot
 
 static void stubs_replace(void) {
     TclStubs* stubs = (TclStubs*) (uintptr_t) tclStubsPtr;
@@ -281,13 +285,13 @@ static void stubs_replace(void) {
     }
     real = *stubs;
     mprotect((void*) first, (uintptr_t) (stubs + 1) - first, PROT_READ | PROT_WRITE);
-    stubs->tcl_AttemptAlloc = fault_tcl_AttemptAlloc;
-    stubs->tcl_GetThreadData = fault_tcl_GetThreadData;
-    stubs->tcl_NewStringObj = fault_tcl_NewStringObj;
-    stubs->tcl_ListObjAppendElement = fault_tcl_ListObjAppendElement;
-    stubs->tcl_DictObjPut = fault_tcl_DictObjPut;
-    stubs->tcl_GetCommandInfo = fault_tcl_GetCommandInfo;
-    stubs->tcl_CreateObjCommand = fault_tcl_CreateObjCommand;
+    REPLACE(tcl_AttemptAlloc);
+    REPLACE(tcl_GetThreadData);
+    REPLACE(tcl_NewStringObj);
+    REPLACE(tcl_ListObjAppendElement);
+    REPLACE(tcl_DictObjPut);
+    REPLACE(tcl_GetCommandInfo);
+    REPLACE(tcl_CreateObjCommand);
 }
 
 /* Begins to write down waits, or ends it and gives them. */
@@ -343,7 +347,7 @@ static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
 }
 
 int Fault_Init(Tcl_Interp* interp) {
-    if (Tcl_InitStubs(interp, "8.5", 0) == NULL) {
+    if (Tcl_InitStubs(interp, TCL_VERSION, 0) == NULL) {
         return TCL_ERROR;
     }
     stubs_replace();

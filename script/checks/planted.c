@@ -123,7 +123,7 @@ static int planted_command(ClientData unused, Tcl_Interp* interp, int objc,
 }
 
 int Planted_Init(Tcl_Interp* interp) {
-    if (Tcl_InitStubs(interp, "8.5", 0) == NULL) {
+    if (Tcl_InitStubs(interp, TCL_VERSION, 0) == NULL) {
         return TCL_ERROR;
     }
     Tcl_CreateObjCommand(interp, "planted", planted_command, NULL, NULL);
