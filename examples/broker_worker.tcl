@@ -51,6 +51,8 @@ broker configure -maxmsgsize 1000000
 # Heartbeats must not pile up for a broker that is away: without a connection there
 # is no queue.
 broker configure -immediate 1
+# A reply that has no way to the broker for a second is lost: the client asks again.
+broker configure -sndtimeo 1000
 guard broker
 attach broker connect $arg(endpoint)
 ::qel::reactor event broker readable request

@@ -31,10 +31,19 @@ set longest 1000000 ;# bytes of a line: one without an end would fill the memory
 set held 0          ;# a line waits in "line" for room in the socket
 set status 0
 
-# Reads what is there.  Tcl reads ahead: lines can wait in the channel's own buffer,
-# which the reactor cannot see, so this goes on until the channel has none left.
+# Reads what is there, a thousand lines at most before timers and signals have their turn.
+# Tcl reads ahead: lines can wait in the channel's own buffer, which the reactor cannot
+# see, so this goes on until the channel has none left.
 proc readable {} {
-    while {[gets stdin ::line] >= 0} {
+    for {set i 0} {$i < 1000} {incr i} {
+        if {[gets stdin ::line] < 0} {
+            if {[eof stdin]} {
+                finish
+            } elseif {[chan pending input stdin] > $::longest} {
+                error "a line is longer than $::longest bytes"
+            }
+            return
+        }
         if {![push_line]} {
             # Away from the input, until the socket takes messages again.
             ::qel::reactor event stdin readable {}
@@ -42,10 +51,13 @@ proc readable {} {
             return
         }
     }
-    if {[eof stdin]} {
-        finish
-    } elseif {[chan pending input stdin] > $::longest} {
-        error "a line is longer than $::longest bytes"
+    ::qel::reactor event stdin readable {}
+    ::qel::reactor after 0 go_on
+}
+proc go_on {} {
+    if {![info exists ::descriptor]} {
+        ::qel::reactor event stdin readable readable
+        readable
     }
 }
 
@@ -57,8 +69,7 @@ proc push_line {} {
 proc writable {} {
     if {[push_line]} {
         ::qel::reactor event push writable {}
-        ::qel::reactor event stdin readable readable
-        readable
+        go_on
     }
 }
 

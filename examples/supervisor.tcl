@@ -39,26 +39,48 @@ proc start {number pause} {
     take_any_bytes $channel
     dict set ::workers $channel \
         [dict create number $number began [clock milliseconds] pause $pause]
-    ::qel::reactor event $channel readable [list output $channel]
+    listen $channel
     say "$number: started, process [pid $channel]"
 }
 
+proc listen {channel} {
+    ::qel::reactor event $channel readable [list output $channel]
+}
+
+# Prints the lines that are there, a hundred at most before timers and signals have their
+# turn.  Lines that Tcl has read ahead do not make the pipe readable, so a timer goes on.
 proc output {channel} {
+    listen $channel
     set number [dict get $::workers $channel number]
-    while {[gets $channel line] >= 0} {
+    for {set i 0} {$i < 100} {incr i} {
+        if {[gets $channel line] < 0} {
+            if {[eof $channel]} {
+                ended $channel
+            }
+            return
+        }
         say "$number: $line"
     }
-    if {[eof $channel]} {
-        ended $channel
-    }
+    ::qel::reactor event $channel readable {}
+    ::qel::reactor after 0 [list output $channel]
+}
+
+# A process can close its output and go on; it has ended when it is gone or a zombie.
+proc running {process} {
+    expr {![catch {open /proc/$process/stat} stat]
+          && ![regexp {\) [ZX] } [read $stat][close $stat]]}
 }
 
 proc ended {channel} {
+    # The handler goes before the channel does.
+    ::qel::reactor event $channel readable {}
+    if {[running [pid $channel]]} {
+        ::qel::reactor after 50 [list ended $channel]
+        return
+    }
     set worker [dict get $::workers $channel]
     dict unset ::workers $channel
-    # The handler goes before the channel does.  Only closing a blocking pipe waits for
-    # the process and tells how it ended.
-    ::qel::reactor event $channel readable {}
+    # Only closing a blocking pipe gets the status of the process.
     fconfigure $channel -blocking 1
     set how "status 0"
     if {[catch {close $channel} message options]} {
