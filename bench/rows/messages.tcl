@@ -6,7 +6,7 @@ set zmq [list $tclsh [file join $here zmq.tcl]]
 set python [list /usr/bin/python3 [file join $here pyzmq.py]]
 set worker [file join [file dirname $here] examples worker.tcl]
 set message_subjects [dict create \
-    package [concat $zmq zmq] bare [concat $zmq bare] raw $raw \
+    package [concat $zmq zmq] bare [concat $zmq bare] raw [list $raw] \
     pyzmq [concat $python multipart] plain [concat $python plain]]
 set workers [dict create \
     package [list $tclsh $worker] bare [concat $zmq bare worker [list $worker]] \
