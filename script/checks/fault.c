@@ -2,7 +2,7 @@
  * fault.c -- makes the N-th call of a chosen function fail, once or for good.
  *
  * Preloaded, it stands before libzmq and libc; loaded as a package, it also puts itself
- * into Tcl's stubs table and gives a command.  Only calls that come from the library count.
+ * into Tcl's stubs table and gives a command.  Only calls from our two libraries count.
  *
  *   fault arm function n error ?forgood?   fails the n-th call from here on
  *   fault off                              gives how often the armed function failed
@@ -19,6 +19,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -43,10 +44,11 @@ static struct {
     int failed; /* failures so far */
 } armed;
 
-/* Tells whether an address lies in the library. */
+/* Tells whether an address lies in the library or its companion. */
 static int ours(const void* caller) {
     Dl_info info;
-    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "parvo.so") != NULL;
+    return dladdr(caller, &info) != 0 && (strstr(info.dli_fname, "parvo.so") != NULL ||
+                                          strstr(info.dli_fname, "parvoextra.so") != NULL);
 }
 
 /* Tells whether this call fails; caller: the address that it returns to. */
@@ -87,6 +89,10 @@ INT_CALL(zmq_connect, (void* s, const char* e), (s, e))
 INT_CALL(zmq_disconnect, (void* s, const char* e), (s, e))
 INT_CALL(zmq_send, (void* s, const void* b, size_t n, int f), (s, b, n, f))
 INT_CALL(zmq_recv, (void* s, void* b, size_t n, int f), (s, b, n, f))
+INT_CALL(zmq_socket_monitor, (void* s, const char* e, int n), (s, e, n))
+INT_CALL(zmq_msg_send, (zmq_msg_t * m, void* s, int f), (m, s, f))
+INT_CALL(zmq_has, (const char* n), (n))
+INT_CALL(zmq_curve_keypair, (char* p, char* s), (p, s))
 INT_CALL(zmq_msg_init, (zmq_msg_t * m), (m))
 INT_CALL(zmq_msg_recv, (zmq_msg_t * m, void* s, int f), (m, s, f))
 INT_CALL(signalfd, (int fd, const sigset_t* m, int f), (fd, m, f))
@@ -168,12 +174,27 @@ POINTER_CALL(void*, zmq_socket, (void* c, int t), (c, t))
 POINTER_CALL(FILE*, fopen, (const char* p, const char* m), (p, m))
 POINTER_CALL(struct tm*, localtime_r, (const time_t* t, struct tm* r), (t, r))
 POINTER_CALL(char*, strdup, (const char* s), (s))
+POINTER_CALL(uint8_t*, zmq_z85_decode, (uint8_t * d, const char* s), (d, s))
+POINTER_CALL(char*, zmq_z85_encode, (char* d, const uint8_t* s, size_t n), (d, s, n))
+
+/* Called by everybody all the time. */
+void* malloc(size_t size) {
+    static void* (*real_malloc)(size_t);
+    if (real_malloc == NULL) {
+        real_malloc = (void* (*)(size_t)) dlsym(RTLD_NEXT, "malloc");
+    }
+    return FAILS("malloc") ? NULL : real_malloc(size);
+}
 
 size_t strftime(char* t, size_t n, const char* f, const struct tm* m) {
     return FAILS("strftime") ? 0 : REAL(strftime)(t, n, f, m);
 }
 
-/* Returns its error instead of leaving it in errno. */
+/* These return their error instead of leaving it in errno. */
+int pthread_create(pthread_t* t, const pthread_attr_t* a, void* (*run)(void*), void* arg) {
+    return FAILS("pthread_create") ? armed.error : REAL(pthread_create)(t, a, run, arg);
+}
+
 int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) {
     return FAILS("pthread_sigmask") ? armed.error : REAL(pthread_sigmask)(how, set, old);
 }

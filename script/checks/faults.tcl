@@ -92,7 +92,7 @@ fault arm zmq_ctx_new 1 24
 expect load [list [catch {package require zmq} m o] $m [dict get $o -errorcode]] \
     {1 {failed to create default ctx} {ZMQ INIT CTX}}
 fault off
-package require zmq
+package require zmq::extra
 package require Thread
 
 proc new_pair {{from PUSH} {to PULL}} {
@@ -149,6 +149,13 @@ set trap {{::qel::reactor signal trap USR1 a} {::qel::reactor signal trap USR2 b
 set untrap {{::qel::reactor signal trap USR1 a; ::qel::reactor signal trap USR2 b}
     {::qel::reactor signal default USR2} signals_default}
 proc command {command} {list {} $command {}}
+lassign [::zmq::curve keypair] publicKey secretKey
+set noKeys {failed to set keys: Invalid argument}
+set noMonitor "failed to monitor socket: Invalid argument"
+set server {{::zmq::socket create s PULL} {::zmq::curve server s $secretKey} {s close}}
+set client {{::zmq::socket create s PUSH} {::zmq::curve client s $publicKey} {s close}}
+set monitor {{::zmq::socket create s PULL} {::zmq::monitor start s inproc://events[incr ::endpoint]}
+    {catch {::zmq::monitor stop s}; s close}}
 set usr2Set {failed to set handler for signal 12: invalid argument}
 set maskError "failed to set signal mask: $tclInvalid"
 set both {0 1}
@@ -163,6 +170,24 @@ set rows [list \
   create zmq_ctx_new 24 [list lose_context {::zmq::socket create s PUSH} {catch {s close}}] \
       [one {failed to create default ctx} ZMQ CTX DEFAULT] $both \
   close zmq_close 88 {{::zmq::socket create s PUSH} {s close} {}} {ok} $both]
+foreach {name scenario} [list keypair {{} {::zmq::curve keypair} {}} client $client] {
+    lappend rows $name zmq_has 22 $scenario [all {this ZeroMQ was built without CURVE} ZMQ CURVE SUPPORT] 0 \
+        $name zmq_curve_keypair 95 $scenario [one {failed to make keys: Operation not supported} ZMQ CURVE KEYPAIR] $both
+}
+foreach function {zmq_z85_decode zmq_z85_encode} {
+    lappend rows server $function 22 $server \
+        [one {bad secret key: a key has 40 characters and is valid Z85} ZMQ CURVE KEY] $both
+}
+lappend rows server zmq_getsockopt 22 $server [list [list $noKeys {ZMQ CURVE OPTION}] ok] 0 \
+    server zmq_setsockopt 22 $server [lrepeat 2 [list $noKeys {ZMQ CURVE OPTION}]] $both \
+    client zmq_setsockopt 22 $client [lrepeat 3 [list $noKeys {ZMQ CURVE OPTION}]] $both \
+    monitor zmq_setsockopt 22 $monitor {ok ok} $both \
+    monitor-stop zmq_socket_monitor 22 \
+        {{::zmq::socket create s PULL; ::zmq::monitor start s inproc://events[incr ::endpoint]} {::zmq::monitor stop s} {s close}} \
+        [one {failed to stop monitor: Invalid argument} ZMQ MONITOR STOP] $both
+foreach {function calls} {malloc 1 strdup 1 zmq_socket 2 zmq_bind 1 zmq_connect 1 zmq_socket_monitor 1 pthread_create 1} {
+    lappend rows monitor $function 22 $monitor [lrepeat $calls [list $noMonitor {ZMQ MONITOR START}]] $both
+}
 foreach {method done} {bind bind unbind unbind connect connect disconnect disconnect} {
     set undo [dict get {unbind bind disconnect connect bind bind connect connect} $method]
     set setup [expr {$undo eq $method ? "::zmq::socket create s PUSH"

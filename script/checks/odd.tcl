@@ -5,7 +5,7 @@
 # waiting for ever: blocking calls are made with time-outs, the loop is always stopped by a
 # handler that the generator does not know, no socket lingers, and the pipe does not block.
 
-package require zmq
+package require zmq::extra
 lassign $argv seed count
 expr {srand($seed)}
 set done 0
@@ -22,7 +22,7 @@ set words [list {} "\0" "a\0b" 0 1 -1 31 32 2147483647 2147483648 -2147483649 \
     [string repeat ": " 600] after#0 after#-1 {after# 1} after#99999999999999999999 \
     stdin stdout stderr file5]
 set endpoints [list tcp://127.0.0.1:* inproc://a inproc://b inproc://c tcp://127.0.0.1:1 tcp:// \
-    inproc:// ipc:// ipc:///nonexistent/x tcp://127.0.0.1:99999 foo://x tcp://%s:%d]
+    inproc:// ipc:// ipc:///nonexistent/x tcp://127.0.0.1:99999 inproc://events foo://x tcp://%s:%d]
 set types {PAIR PUB SUB REQ REP DEALER ROUTER PULL PUSH XPUB XSUB STREAM pub NONE}
 set options {}
 set f [open [file join [file dirname [info script]] .. .. src socket_options.cpp]]
@@ -34,6 +34,7 @@ if {$options eq {}} {error "no options found in the table"}
 # The debug log may be sent to a file of any name.
 set scratch [file normalize $::env(ODD_SCRATCH)]
 cd $scratch
+set keys [list [string repeat 0 40] [string repeat a 40] [string repeat "#" 40]]
 set signals {HUP SIGHUP INT USR1 SIGUSR2 10 12 17 SIGCLD 0 32 * WINCH URG SIGRTMIN}
 set names {s0 s1 s2 s3 ::s4 "a b" "\u20ac" x::y}
 # A pipe whose ends are polled like sockets; only "traffic" reads and writes it.
@@ -123,7 +124,7 @@ proc generate {} {
     if {rand() < 0.002} {return raise}
     switch [pick {new create create method method method method send recv configure
         configure poll debug reactor event event after after signal signal bgerror run
-        utility extra traffic close trace interp rename}] {
+        utility extra traffic close trace interp rename curve monitor}] {
         new {list ::zmq::socket new [pick $::types]}
         create {list ::zmq::socket create [pick [concat $::names [list [word]]]] [pick $::types]}
         method {list [live] [pick {bind unbind connect disconnect stats destroy x {}}] \
@@ -153,6 +154,10 @@ proc generate {} {
         close {list [live] close}
         trace {list trace add command [live] delete {apply {args {catch {step 1}}}}}
         interp {list [expr {rand() < 0.1 ? "interp_round" : "::qel::timestamp"}]}
+        curve {list ::zmq::curve [pick {server client server client keypair x}] [live] \
+            {*}[lrange [list [pick $::keys] [pick $::keys] [pick $::keys]] 0 [pick {-1 0 0 1 2}]] {*}[some 0 1]}
+        monitor {list ::zmq::monitor [pick {start start stop event x}] [live] [pick $::endpoints] \
+            {*}[pick {{} accepted {closed listening} x}]}
         rename {list rename [live] [pick [concat $::names [list {}]]]}
     }
 }

@@ -1,7 +1,7 @@
 # threads.tcl interpreters log ?library of planted faults? -- sixteen threads, each with so
 # many interpreters, one after the other, that load the package, make sockets, exchange
-# messages inside the thread and with the main thread, run the reactor, write and redirect
-# the log, and are deleted; threads end in several ways while others run.
+# messages inside the thread and with the main thread, run the reactor, watch connections,
+# write and redirect the log, and are deleted; threads end in several ways while others run.
 
 package require zmq
 package require Thread
@@ -54,9 +54,16 @@ set working {
         c$i send $::thread-$i
         interp create i$i
         inside i$i [string map [list %i $i %t $::thread] {
-            package require zmq
+            package require zmq::extra
             ::zmq::socket create a%i PAIR
             ::zmq::socket create b%i PAIR
+            lassign [::zmq::curve keypair] public secret
+            ::zmq::curve server a%i $secret
+            ::zmq::curve client b%i $public
+            ::zmq::monitor start a%i inproc://%t-%i.events
+            a%i bind tcp://127.0.0.1:*
+            a%i unbind [a%i configure -last_endpoint]
+            if {%i % 2} {::zmq::monitor stop a%i}
             a%i bind inproc://%t-%i
             b%i connect inproc://%t-%i
             foreach n {1 2 3} {
@@ -80,7 +87,10 @@ set passing {
     attempt {
         package require zmq
         for {set i 1} {$i <= $last && $i <= $thread} {incr i} {
-            inside [interp create] {package require zmq; ::zmq::socket new PUB}
+            inside [interp create] [string map [list %n $thread-$i] {
+                package require zmq::extra
+                ::zmq::monitor start [::zmq::socket new PUB] inproc://%n
+            }]
             redirect [expr {$::thread + $i}]
             foreach name [interp slaves] {interp delete $name}
         }
