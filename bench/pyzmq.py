@@ -35,15 +35,28 @@ def ops_per_second(count, run):
     return count / (time.perf_counter() - start)
 
 
-def bound(kind):
+def socket(kind, server):
+    """A socket, which has the keys of the environment, if any."""
     s = context.socket(kind)
+    if "BENCH_KEYS" in os.environ:
+        public, secret = os.environb[b"BENCH_KEYS"].split()
+        s.curve_publickey, s.curve_secretkey = public, secret
+        if server:
+            s.curve_server = True
+        else:
+            s.curve_serverkey = public
+    return s
+
+
+def bound(kind):
+    s = socket(kind, True)
     s.bind("tcp://127.0.0.1:*")
     print(s.getsockopt_string(zmq.LAST_ENDPOINT).rstrip("\0"), flush=True)
     return s
 
 
 def connected(kind, endpoint):
-    s = context.socket(kind)
+    s = socket(kind, False)
     s.connect(endpoint)
     return s
 
@@ -121,9 +134,9 @@ def react(idle, count):
     return ops_per_second(count, loop)
 
 
-def rtt(endpoint, count):
+def rtt(endpoint, size, count):
     s = connected(zmq.REQ, endpoint)
-    send, recv, payload = sender(s), receiver(s), message(64)
+    send, recv, payload = sender(s), receiver(s), message(size)
 
     def ask(n):
         for _ in range(n):

@@ -43,11 +43,28 @@ static void* socket_new(int type) {
     return s;
 }
 
+/* Keys from the environment, public and secret, are those of both ends. */
+static void keys_set(void* s, int server) {
+    const char* keys = getenv("BENCH_KEYS");
+    char publicKey[41];
+    char secretKey[41];
+    if (keys == NULL) {
+        return;
+    }
+    check(sscanf(keys, "%40s %40s", publicKey, secretKey) == 2, "keys");
+    check(zmq_setsockopt(s, ZMQ_CURVE_PUBLICKEY, publicKey, 41) == 0 &&
+              zmq_setsockopt(s, ZMQ_CURVE_SECRETKEY, secretKey, 41) == 0 &&
+              (server ? zmq_setsockopt(s, ZMQ_CURVE_SERVER, &server, sizeof server)
+                      : zmq_setsockopt(s, ZMQ_CURVE_SERVERKEY, publicKey, 41)) == 0,
+          "keys");
+}
+
 /* A socket that a peer is told to connect to. */
 static void* socket_bound(int type) {
     char endpoint[64];
     size_t size = sizeof endpoint;
     void* s = socket_new(type);
+    keys_set(s, 1);
     check(zmq_bind(s, "tcp://127.0.0.1:*") == 0, "bind");
     check(zmq_getsockopt(s, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0, "endpoint");
     printf("%s\n", endpoint);
@@ -57,6 +74,7 @@ static void* socket_bound(int type) {
 
 static void* socket_connected(int type, const char* endpoint) {
     void* s = socket_new(type);
+    keys_set(s, 0);
     check(zmq_connect(s, endpoint) == 0, "connect");
     return s;
 }
@@ -168,17 +186,18 @@ static double polled(char** args) {
     return (double) count / (now() - start);
 }
 
-/* Round trips to an echo: endpoint, count. */
+/* Round trips to an echo: endpoint, size, count. */
 static double rtt(char** args) {
-    const long count = atol(args[1]);
-    char bytes[64] = {0};
+    const size_t size = strtoul(args[1], NULL, 10);
+    const long count = atol(args[2]);
+    const char* bytes = payload(size);
     void* s = socket_connected(ZMQ_REQ, args[0]);
     double start = 0;
     for (long i = -count / 10; i < count; i++) {
         if (i == 0) {
             start = now();
         }
-        message_send(s, bytes, sizeof bytes, 1);
+        message_send(s, bytes, size, 1);
         message_recv(s, NULL);
     }
     return (double) count / (now() - start);
@@ -304,7 +323,7 @@ int main(int argc, char** argv) {
         double (*run)(char** args);
     } modes[] = {
         {"inproc", 4, inproc}, {"recv", 1, receive},    {"send", 2, transmit},
-        {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 2, rtt},
+        {"poll", 2, polled},   {"reactor", 2, polled},  {"rtt", 3, rtt},
         {"echo", 0, echo},     {"source", 3, source},   {"sink", 1, sink},
         {"jobs", 2, employ},   {"worker", 6, worker},
     };

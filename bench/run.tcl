@@ -116,7 +116,7 @@ proc measure {measurement round} {
 # Running.
 
 source [file join $here report.tcl]
-foreach file {messages timers start} {
+foreach file {messages curve timers start} {
     source [file join $here rows $file.tcl]
 }
 set selected {}

@@ -15,8 +15,19 @@ proc ops_per_second {count script} {
     return [expr {$count * 1e6 / ([clock microseconds] - $start)}]
 }
 
+# Keys from the environment, public and secret, are those of both ends.
+proc keys_set {s side} {
+    if {[info exists ::env(BENCH_KEYS)]} {
+        package require zmq::extra
+        lassign [split $::env(BENCH_KEYS)] public secret
+        zmq::curve $side $s {*}[dict get [list server [list $secret] \
+            client [list $public $public $secret]] $side]
+    }
+}
+
 proc bound {type} {
     set s [zmq::socket new $type]
+    keys_set $s server
     $s bind tcp://127.0.0.1:*
     puts [$s configure -last_endpoint]
     flush stdout
@@ -25,6 +36,7 @@ proc bound {type} {
 
 proc connected {type endpoint} {
     set s [zmq::socket new $type]
+    keys_set $s client
     $s connect $endpoint
     return $s
 }
@@ -137,9 +149,9 @@ proc workload_poll {idle count} {
     return [ops_per_second $count {poll $sockets $count}]
 }
 
-proc workload_rtt {endpoint count} {
+proc workload_rtt {endpoint size count} {
     set s [connected REQ $endpoint]
-    set bytes [payload 64]
+    set bytes [payload $size]
     return [ops_per_second $count {ask $s $bytes $count}]
 }
 

@@ -27,11 +27,11 @@ proc run_with {peer workload subject count} {
     return [values $program [list [start [concat [list $::raw] $peer]]]]
 }
 
-# A subject and its own echo.
-proc run_echo {subject count} {
+# A subject and its own echo, with messages of so many bytes.
+proc run_echo {size subject count} {
     set command [dict get $::message_subjects $subject]
     set echo [start [concat $command echo]]
-    return [values [start [concat $command rtt [gets $echo] $count]] [list $echo]]
+    return [values [start [concat $command rtt [gets $echo] $size $count]] [list $echo]]
 }
 
 # A subject as worker of a C program.
@@ -62,7 +62,7 @@ foreach {name title size raw_target pyzmq_target} {
 # What is sent must outgrow the queues and buffers on its way.
 throughput send-64 "send over tcp, 64 B" 20000 {run_with sink {send 64}} 0.80 4 plain -
 throughput send-1k "send over tcp, 1 KiB" 20000 {run_with sink {send 1024}} 0.95 1.2 plain -
-throughput rtt "REQ/REP echo round trip over tcp" 2000 run_echo 0.97 1.05 plain -
+throughput rtt "REQ/REP echo round trip over tcp" 2000 {run_echo 64} 0.97 1.05 plain -
 throughput reactor-0 "reactor: a message per handler call, tcp, 64 B" 2000 \
     {run_with {source 64} {reactor 0}} 0.60 2 plain -
 throughput poll-0 "::zmq::poll and a receive, tcp, 64 B" 2000 \
