@@ -122,7 +122,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION interpreters)
 # The dynamic linker's view is inspected; it does not see Tcl, which comes by its stubs.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "${parvo_tcl_depends}")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "tcl-thread, tcllib, python3-zmq")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "${parvo_tcl_suggests}")
 set(CPACK_STRIP_FILES ON)
 
 # A tree configured for another prefix would put things into the wrong places of /usr.
