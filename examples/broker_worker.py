@@ -47,7 +47,7 @@ try:
     broker.connect(endpoint)
 except zmq.ZMQError as error:
     fail("endpoint \"%s\": an endpoint such as tcp://127.0.0.1:5556 is wanted (%s)"
-         % (endpoint, error))
+         % (endpoint, zmq.strerror(error.errno)))
 
 taken = 0
 while True:

@@ -116,10 +116,10 @@ proc work {} {
     while {$head < [llength $backlog] && !$::stopping} {
         set submitter [lindex $backlog $head]
         set number [lindex $backlog $head+1]
-        set text [encoding convertfrom utf-8 [lindex $backlog $head+2]]
+        set text [from_bytes [lindex $backlog $head+2]]
         incr head 3
         set kind [expr {[catch {job $text} outcome] ? "failed" : "done"}]
-        set outcome [encoding convertto utf-8 $outcome]
+        set outcome [to_bytes $outcome]
         set open($submitter/$number) [list $kind $outcome]
         lappend numbers($kind,$submitter) $number
         lappend outcomes($kind,$submitter) $outcome

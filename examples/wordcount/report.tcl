@@ -41,6 +41,7 @@ proc count_plainly {files} {
     foreach file $files {
         set channel [open $file]
         fconfigure $channel -encoding utf-8
+        catch {fconfigure $channel -profile tcl8} ;# Tcl 9 refuses bytes that are no text
         while {[gets $channel line] >= 0} {
             dict for {word count} [tally $line] {dict incr counts $word $count}
         }
