@@ -69,7 +69,8 @@ install(DIRECTORY examples DESTINATION "${PARVO_DOCDIR}"
   PATTERN "__pycache__" EXCLUDE
   REGEX "/(examples/[^/]*\\.(tcl|py)|main\\.tcl|jobs/(queue|worker|submit)\\.tcl)$"
     PERMISSIONS ${parvo_program})
-install(FILES examples/common.tcl DESTINATION "${PARVO_DOCDIR}/examples") # no program
+install(FILES examples/common.tcl examples/keyring.tcl # no programs
+  DESTINATION "${PARVO_DOCDIR}/examples")
 install(PROGRAMS script/info DESTINATION "${PARVO_DOCDIR}/examples")
 
 # The README's links lead to the manual that is installed, not to its sources; what they

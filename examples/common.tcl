@@ -1,6 +1,7 @@
 # common.tcl -- sourced by the examples: packages, arguments, lines of output, text.
 #
-# A program that is copied elsewhere needs this file beside it.
+# A program that is copied elsewhere needs this file beside it, and keyring.tcl if it is
+# given keys.
 
 set program [file tail $argv0]
 foreach channel {stdout stderr} {
@@ -181,54 +182,19 @@ proc kind_command {value} {
 
 # What programs that can encrypt their connections add to the rows of "arguments".
 set keyOptions {{-key file {}} {-server file {}} {-known file {}}}
+set keyring [file join [file dirname [info script]] keyring.tcl]
 
-# Gives sockets keys before they are bound or connected, as the options tell:
-#     -server file       they connect to the owner of this public key and nobody else
-#     -key file          the program's own keys; without -server, peers must know its public one
-#     -known directory   and have one of the public keys in this directory
+# Gives sockets keys before they are bound or connected, as the options tell.
 proc guard {args} {
     global arg
-    if {$arg(known) ne {} && ($arg(key) eq {} || $arg(server) ne {})} {
-        refuse -known $arg(known) "-key beside it and no -server"
-    }
-    if {$arg(key) eq {} && $arg(server) eq {}} {
+    if {"$arg(key)$arg(server)$arg(known)" eq {}} {
         return
     }
     need zmq::extra tcl-parvo
-    if {$arg(known) ne {}} {
-        need zmq::auth tcl-parvo
-        if {[catch {::zmq::auth start -keys $arg(known) -refused refused} message]} {
-            refuse -known $arg(known) "a directory of public keys" $message
-        }
+    source $::keyring
+    if {[catch {set_keys $arg(key) $arg(server) $arg(known) $args} message]} {
+        fail 2 $message
     }
-    foreach socket $args {
-        if {$arg(server) eq {}} {
-            ::zmq::curve server $socket [key_in $arg(key) secret -key]
-        } elseif {$arg(key) eq {}} {
-            ::zmq::curve client $socket [key_in $arg(server) public -server]
-        } else {
-            ::zmq::curve client $socket [key_in $arg(server) public -server] \
-                [key_in $arg(key) public -key] [key_in $arg(key) secret -key]
-        }
-    }
-}
-proc refused {request} {
-    complain "refused [dict get $request address]: [dict get $request reason]"
-}
-
-# The public or secret key in a file that keys.tcl wrote, the argument of this name.
-proc key_in {file which name} {
-    if {[catch {
-        set channel [open [file normalize $file]]
-        set text [read $channel 10000]
-        close $channel
-    } message]} {
-        refuse $name $file "a file of keys" $message
-    }
-    if {![regexp -line "^\\s*$which-key\\s*=\\s*\"(\[!-~\]{40})\"" $text -> key]} {
-        refuse $name $file "a file with a $which key"
-    }
-    return $key
 }
 
 # ---- Text

@@ -12,6 +12,7 @@
 
 source [file join [file dirname [info script]] common.tcl]
 need zmq::extra tcl-parvo
+source $keyring
 
 # Writes a file that was not there before, for those whom the mode allows to read it.
 proc write_new {file mode text} {
@@ -46,9 +47,7 @@ arguments {
     {file... file}
 }
 foreach file $arg(file) {
-    if {$arg(action) eq "show"} {
-        show_key $file
-    } elseif {[catch {make $file} message]} {
-        fail 1 $message
+    if {[catch {[dict get {make make show show_key} $arg(action)] $file} message]} {
+        fail [dict get {make 1 show 2} $arg(action)] $message
     }
 }

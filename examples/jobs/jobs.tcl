@@ -90,7 +90,19 @@ proc misused {text} {
 }
 set endpointRow {! {^\w+://.} {an endpoint such as tcp://127.0.0.1:5555}}
 set nameRow {{^[\w.:@-]{1,64}$} {a name of letters, digits and . : @ _ -}}
+set keyRow {"" . {a file of keys}}
 set countRow {{^[1-9]\d{0,8}$} {a whole number from 1 on}}
+
+# Gives sockets keys before they are bound or connected: see ../keyring.tcl.
+proc guard {args} {
+    foreach option {-key -server -known} {
+        lappend files [expr {[info exists ::option($option)] ? $::option($option) : ""}]
+    }
+    if {[join $files ""] eq ""} return
+    source $::keyring
+    if {[catch {set_keys {*}$files $args} message]} {misused $message}
+}
+set keyring [file join [file dirname [file dirname [file normalize [info script]]]] keyring.tcl]
 
 # Two programs of one name are told apart by this.
 set token [info hostname]/[pid]/[clock microseconds]
@@ -109,6 +121,7 @@ proc connect_queue {} {
             -reconnect_ivl 50 -reconnect_ivl_max 1000} {
         $::queue configure $name $value
     }
+    guard $::queue
     if {[catch {$::queue connect $::option(-queue)} message]} {misused $message}
     ::qel::reactor event $::queue readable hear
 }

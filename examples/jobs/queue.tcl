@@ -3,6 +3,7 @@
 #
 #   queue.tcl -submit endpoint -workers endpoint ?-journal file? ?-sync?
 #             ?-attempts number? ?-limit number? ?-beat ms? ?-silence ms? ?-patience ms?
+#             ?-key file? ?-known directory?
 #
 # A worker holds as many jobs as it has given credit for.  Those of one that says goodbye,
 # is silent for too long or whose connection is gone are given to others.  A job is done at
@@ -551,7 +552,8 @@ proc leave {} {
 }
 
 read_options "queue.tcl -submit endpoint -workers endpoint ?-journal file? ?-sync?\
-    ?-attempts number? ?-limit number? ?-beat ms? ?-silence ms? ?-patience ms?" [list \
+    ?-attempts number? ?-limit number? ?-beat ms? ?-silence ms? ?-patience ms?\
+    ?-key file? ?-known directory?" [list [list -key {*}$keyRow] [list -known {*}$keyRow] \
     [list -submit {*}$endpointRow] [list -workers {*}$endpointRow] \
     {-journal "" . {the name of a file}} {-sync 0} [list -attempts 3 {*}$countRow] \
     [list -beat 1000 {*}$countRow] [list -silence 60000 {*}$countRow] \
@@ -565,6 +567,9 @@ foreach {socket word} {submitters -submit workers -workers} {
     set $socket [::zmq::socket new ROUTER]
     foreach name {-sndhwm -rcvhwm} {[set $socket] configure $name 0}
     [set $socket] configure -router_mandatory 1
+}
+guard $submitters $workers
+foreach {socket word} {submitters -submit workers -workers} {
     if {[catch {[set $socket] bind $option($word)} message]} {misused "$word: $message"}
     ::qel::reactor event [set $socket] readable serve
 }

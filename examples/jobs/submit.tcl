@@ -5,6 +5,8 @@
 #   submit.tcl -queue endpoint -status
 #   submit.tcl -queue endpoint -name name -forget
 #
+# Each also takes ?-server file? ?-key file?, for a queue with keys.
+#
 # Each line of standard input is a job; its number is that of the line.  Each result is a
 # line "number result" of standard output, in any order; in it a line feed is written \n
 # and a backslash \\.  Jobs that cannot be done are named on standard error.
@@ -203,7 +205,8 @@ proc draw_progress {} {
     ::qel::reactor after 200 draw_progress
 }
 
-read_options "submit.tcl -queue endpoint ?-name name? ?-results file? | -status | -forget" [list \
+read_options "submit.tcl -queue endpoint ?-name name? ?-results file? | -status | -forget\
+    ?-server file? ?-key file?" [list [list -server {*}$keyRow] [list -key {*}$keyRow] \
     [list -queue {*}$endpointRow] [list -name [pid]@[info hostname] {*}$nameRow] \
     {-results "" . {the name of a file}} {-status 0} {-forget 0}]
 foreach channel {stdin stdout} {fconfigure $channel -translation binary}

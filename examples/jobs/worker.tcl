@@ -2,6 +2,7 @@
 # worker.tcl -- takes jobs from queue.tcl, does them, and hands in what they yield.
 #
 #   worker.tcl -queue endpoint ?-name name? ?-job script? ?-config file?
+#              ?-server file? ?-key file?
 #
 # The script defines the procedure "job": its argument is the text of a job, its result the
 # text of the result; after an error the queue lets the job be tried again, a few times.
@@ -165,7 +166,8 @@ proc give_up {} {
     ::qel::reactor stop
 }
 
-read_options "worker.tcl -queue endpoint ?-name name? ?-job script? ?-config file?" [list \
+read_options "worker.tcl -queue endpoint ?-name name? ?-job script? ?-config file?\
+    ?-server file? ?-key file?" [list [list -server {*}$keyRow] [list -key {*}$keyRow] \
     [list -queue {*}$endpointRow] [list -name worker-[pid] {*}$nameRow] \
     {-job "" . {the name of a Tcl script}} {-config "" . {the name of a file of settings}}]
 if {[catch {set limits [read_settings $option(-config)]} message]} {misused "-config: $message"}
