@@ -41,7 +41,6 @@ proc finish {code} {
     ::qel::reactor stop
 }
 proc interrupt {signal} {
-    catch {puts stderr ""}
     log "stopped by $signal, [array size ::line] jobs without a result: run again as -name $::option(-name)"
     finish 1
 }

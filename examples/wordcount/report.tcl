@@ -5,7 +5,7 @@ set terminal [dict exists [fconfigure stdout] -mode]
 fconfigure stdout -encoding utf-8
 
 # A reader that has gone away must not keep the processes from being started or stopped.
-proc say {line} {
+proc note {line} {
     catch {
         clear_progress
         puts $line
@@ -13,15 +13,17 @@ proc say {line} {
     }
 }
 
-proc complain {line} {
+proc warn {line} {
     clear_progress
-    puts stderr "wordcount: $line"
+    say "$::program: $line" stderr
 }
 
 proc clear_progress {} {
     if {$::terminal} {
-        puts -nonewline "\r\033\[K"
-        flush stdout
+        catch {
+            puts -nonewline "\r\033\[K"
+            flush stdout
+        }
     }
 }
 
@@ -30,9 +32,11 @@ proc draw_progress {} {
     ::qel::reactor after 100 draw_progress
     set part [expr {min(1.0, double($::doneBytes) / max(1, $::size))}]
     set width [expr {round(40 * $part)}]
-    puts -nonewline [format "\r\[%-40s\] %3.0f %%" [string repeat # $width] \
-                         [expr {100 * $part}]]
-    flush stdout
+    catch {
+        puts -nonewline [format "\r\[%-40s\] %3.0f %%" [string repeat # $width] \
+                             [expr {100 * $part}]]
+        flush stdout
+    }
 }
 
 # Counts again without any of the machinery; gives the same kind of dictionary.
@@ -58,25 +62,21 @@ proc sum {counts} {
 proc print_report {} {
     set words [sum $::counts]
     set seconds [expr {max(1, $::ended - $::began) / 1e6}]
-    puts "\n$words words, [dict size $::counts] different ones.  The most frequent:"
+    show "\n$words words, [dict size $::counts] different ones.  The most frequent:"
     set sorted [lsort -stride 2 -index 1 -integer -decreasing [lsort -stride 2 $::counts]]
     foreach {word count} [lrange $sorted 0 19] {
-        puts [format "%10d  %s" $count $word]
+        show [format "%10d  %s" $count $word]
     }
-    puts [format "\n%-12s %8s %10s %8s %10s %12s" worker jobs bytes sent bytes "dead letters"]
-    foreach name [lsort -dictionary [array names ::statistics worker-*]] {
-        set s $::statistics($name)
-        puts [format "%-12s %8d %10d %8d %10d %12d" $name \
-                  [dict get $s jobs received messages] [dict get $s jobs received bytes] \
-                  [dict get $s results sent messages] [dict get $s results sent bytes] \
-                  [dict get $s dead sent messages]]
+    show [format "\n%-12s %8s %10s" worker jobs bytes]
+    foreach name [lsort -dictionary [array names ::jobsOf]] {
+        show [format "%-12s %8d %10d" $name $::jobsOf($name) $::bytesOf($name)]
     }
-    puts [format "\n%d jobs in %.2f s: %.0f words and %.2f MB a second" $::done $seconds \
+    show [format "\n%d jobs in %.2f s: %.0f words and %.2f MB a second" $::done $seconds \
               [expr {$words / $seconds}] [expr {$::doneBytes / $seconds / 1e6}]]
-    puts "background errors: $::errors, dead letters: $::dead"
+    show "background errors: $::errors, dead letters: $::dead"
     set plain [count_plainly $::files]
     set same [expr {[lsort -stride 2 $plain] eq [lsort -stride 2 $::counts]}]
-    puts "check: a plain count finds [sum $plain] words,\
+    show "check: a plain count finds [sum $plain] words,\
         [expr {$same ? "each as often" : "NOT THE SAME"}]"
     return [expr {$same && $::errors + $::dead == 0}]
 }
