@@ -262,9 +262,10 @@ proc workload_standing {which count} {
 }
 
 # Runs timers that are all due.  They too were scheduled latest first, so that Tcl finds
-# each at the head of its lists.
+# each at the head of its lists: they span longer than scheduling them takes, or the later
+# ones would be due later.
 proc workload_due {which count} {
-    set ms [expr {10 + $count / 100}]
+    set ms [expr {10 + $count / 40}]
     for {set i $count} {$i > 0} {incr i -1} {
         lappend soon [expr {$ms * $i / $count}]
     }
