@@ -4,7 +4,7 @@
 # reactor handlers and checks what comes back, while 200 timers and 100 signals a second
 # arrive.  With peers that stay up each message must be there and back once, in order and
 # whole.  Two peers are killed and started again: what was on its way then is counted.
-# Counted are arrivals, there and back.  Rate and memory go to the file "samples".
+# Counted are arrivals, there and back.
 
 source [file join [file dirname [info script]] soak_peer.tcl]
 package require zmq
@@ -163,11 +163,9 @@ proc memory {} {
     }
 }
 # What a tenth of the run (1: the second) needed: queues fill and empty, so the median.
-# The samples wait in their file: kept here, they would be a growth of their own.
-proc typical {rows tenth} {
-    set rows [lsearch -all -inline -index 5 $rows $tenth]
-    lmap column {2 3 4} {
-        lindex [lsort -integer -index $column $rows] [expr {[llength $rows] / 2}] $column
+proc typical {tenth} {
+    lmap column {0 1 2} {
+        lindex [lsort -integer -index $column $::used($tenth)] [expr {[llength $::used($tenth)] / 2}] $column
     }
 }
 proc drained {} {
@@ -176,10 +174,10 @@ proc drained {} {
     }
     return 1
 }
-proc sample {file last moved} {
+proc sample {last moved} {
     set now [clock milliseconds]
-    set rate [expr {2000.0 * ($::counted - [lindex $last 1]) / ($now - [lindex $last 0])}]
-    puts $file "[expr {($now - $::begin) / 1000.0}] $rate [memory] [expr {20 * $::counted / $::total}]"
+    set tenth [expr {20 * $::counted / $::total}]
+    if {$tenth in {1 9}} {lappend ::used($tenth) [memory]}
     # Each of the three must have changed since it was looked at last.
     set idle [lmap a [lrange $last 1 end] b [list $::counted $::ticks $::signals] {expr {$a == $b}}]
     if {1 ni $idle || $::state eq "ending"} {
@@ -187,7 +185,7 @@ proc sample {file last moved} {
     } elseif {$now - $moved > $::patience * 1000} {
         failed "nothing moves: $::state, [lmap name $::streams {list $name [in_flight $name]}]"
     }
-    reactor after 250 [list sample $file [list $now $::counted $::ticks $::signals] $moved]
+    reactor after 250 [list sample [list $now $::counted $::ticks $::signals] $moved]
     if {$::state eq "draining" && [drained]} {
         set ::state ending
         foreach name $::streams {$::socket($name) send end}
@@ -206,17 +204,13 @@ $dealer send hello
 set clock [open |[list bash -c $clock_program [pid] 2>@stderr] w]
 for {set i 0} {$i < 20} {incr i} {reactor after [expr {5 * $i}] [list tick [expr {$begin + 5 * $i}]]}
 reactor after 300 {kill_turn ipc-mortal tcp-mortal}
-set samples_file [open [file join $work samples] w]
-sample $samples_file [list $begin 0 0 0] $begin
+sample [list $begin 0 0 0] $begin
 reactor start
-close $samples_file
 
 foreach {name channel} [array get pipe] {close $channel}
 catch {close $clock}
 set seconds [expr {([clock milliseconds] - $begin) / 1000.0}]
-set samples_file [open [file join $work samples]]
-set rows [split [string trim [read $samples_file]] \n]
-set grown [lmap warm [typical $rows 1] cool [typical $rows 9] {expr {$cool - $warm}}]
+set grown [lmap warm [typical 1] cool [typical 9] {expr {$cool - $warm}}]
 set lost 0
 foreach name $streams {
     set missing [expr {$next($name) - 1 - $returned($name)}]
