@@ -92,24 +92,28 @@ proc close_all {} {
     foreach s [::zmq::socket names] {catch {$s close}}
 }
 
+# The text of a file.
+proc file_text {path} {
+    set f [open $path]
+    set text [read $f]
+    close $f
+    return $text
+}
+
 # Runs a script in a tclsh of its own, with the package loaded; gives what it wrote to
 # standard output and error and its exit status, or the signal that ended it.
 proc child {script} {
-    set file [scratch child-[clock microseconds].tcl]
-    set f [open $file w]
-    fconfigure $f -encoding utf-8
-    puts $f "encoding system utf-8\npackage require zmq\n$script"
-    close $f
+    set file [makeFile "encoding system utf-8\npackage require zmq\n$script" \
+        child-[clock microseconds].tcl [scratch]]
     set status 0
     if {[catch {exec -keepnewline timeout -s KILL 100 [info nameofexecutable] $file 2>$file.err} out options]} {
         set code [dict get $options -errorcode]
         set status [lindex $code 2]
         set out [regsub {\n?child (process exited abnormally|killed: [^\n]*)\n?$} $out {}]
     }
-    set f [open $file.err]
-    set err [read $f]
-    close $f
-    file delete $file $file.err
+    set err [file_text $file.err]
+    removeFile [file tail $file] [scratch]
+    file delete $file.err
     list $out $err $status
 }
 
@@ -166,11 +170,7 @@ proc logged {script} {
     ::zmq::debug on
     uplevel 1 $script
     ::zmq::debug off
-    set f [open [scratch log]]
-    set text [read $f]
-    close $f
-    file delete [scratch log]
-    debug_lines $text
+    debug_lines [file_text [scratch log]]
 }
 
 proc finish {} {
