@@ -7,8 +7,6 @@
  */
 #include "extra.h"
 
-#include "../command.h"
-
 #include <errno.h>
 #include <string.h>
 
@@ -200,7 +198,7 @@ int pv_cmd_client(const PVSocketAccess* access, Tcl_Interp* interp, int objc,
     return settings_apply(interp, d->socket, settings);
 }
 
-constexpr CommandRow<const PVSocketAccess> subcommands[] = {
+constexpr ExtraRow subcommands[] = {
     {"keypair", 2, 2, nullptr, pv_cmd_keypair},
     {"server", 4, 4, "socket secretKey", pv_cmd_server},
     {"client", 4, 6, "socket serverKey ?publicKey secretKey?", pv_cmd_client},
@@ -213,12 +211,5 @@ static_assert(table_ends(subcommands));
 /* ::zmq::curve subcommand ?arg ...? */
 int ParvoCurveCmd(ClientData clientData, Tcl_Interp* interp, int objc,
                   Tcl_Obj* const objv[]) {
-    if (objc < 2) {
-        return wrong_count(interp, 1, objv, "subcommand ?arg ...?");
-    }
-    const auto* row = command_row(interp, subcommands, objv[1], "subcommand");
-    return row != nullptr
-               ? command_run(row, 2, static_cast<const PVSocketAccess*>(clientData),
-                             interp, objc, objv)
-               : TCL_ERROR;
+    return extra_command(subcommands, clientData, interp, objc, objv);
 }

@@ -4,6 +4,7 @@
 #ifndef PARVO_EXTRA_H
 #define PARVO_EXTRA_H
 
+#include "../command.h"
 #include "../socket_access.h"
 #include "../socket_record.h"
 #include "../tclsupport.h"
@@ -24,6 +25,22 @@ int ParvoCurveCmd(ClientData clientData, Tcl_Interp* interp, int objc,
                   Tcl_Obj* const objv[]);
 int ParvoMonitorCmd(ClientData clientData, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]);
+
+/* A subcommand of theirs. */
+using ExtraRow = CommandRow<const PVSocketAccess>;
+
+/* Runs the row of the table that objv[1] names.  Returns a Tcl code. */
+inline int extra_command(const ExtraRow* rows, ClientData clientData,
+                         Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc < 2) {
+        return wrong_count(interp, 1, objv, "subcommand ?arg ...?");
+    }
+    const ExtraRow* row = command_row(interp, rows, objv[1], "subcommand");
+    return row != nullptr
+               ? command_run(row, 2, static_cast<const PVSocketAccess*>(clientData),
+                             interp, objc, objv)
+               : TCL_ERROR;
+}
 
 /*
  * The record of the socket that a word names; null with an error

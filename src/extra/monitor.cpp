@@ -6,7 +6,6 @@
  */
 #include "extra.h"
 
-#include "../command.h"
 #include "monitor_relay.h"
 
 #include <string.h>
@@ -149,7 +148,7 @@ int pv_cmd_event(const PVSocketAccess* /*access*/, Tcl_Interp* interp, int /*obj
     return TCL_OK;
 }
 
-constexpr CommandRow<const PVSocketAccess> subcommands[] = {
+constexpr ExtraRow subcommands[] = {
     {"start", 4, anyNumber, "socket endpoint ?event ...?", pv_cmd_start},
     {"stop", 3, 3, "socket", pv_cmd_stop},
     {"event", 3, 3, "frames", pv_cmd_event},
@@ -162,12 +161,5 @@ static_assert(table_ends(subcommands));
 /* ::zmq::monitor subcommand ?arg ...? */
 int ParvoMonitorCmd(ClientData clientData, Tcl_Interp* interp, int objc,
                     Tcl_Obj* const objv[]) {
-    if (objc < 2) {
-        return wrong_count(interp, 1, objv, "subcommand ?arg ...?");
-    }
-    const auto* row = command_row(interp, subcommands, objv[1], "subcommand");
-    return row != nullptr
-               ? command_run(row, 2, static_cast<const PVSocketAccess*>(clientData),
-                             interp, objc, objv)
-               : TCL_ERROR;
+    return extra_command(subcommands, clientData, interp, objc, objv);
 }
