@@ -33,12 +33,21 @@ set given {}    ;# number -> when it was given out, longest ago first
 set waiting {}  ;# numbers of jobs that are to be given out
 set number 0
 set status 0
+set ended 0     ;# there is no more input
 
-# Input is read only while there is room for it.
+# Input is read only while there is room for it.  After an error the rest is not read.
 proc readable {} {
-    while {[dict size $::open] < $::limit && [gets stdin line] >= 0} {
-        dict set ::open [incr ::number] $line
-        lappend ::waiting $::number
+    if {[catch {
+        while {[dict size $::open] < $::limit && [gets stdin line] >= 0} {
+            dict set ::open [incr ::number] $line
+            lappend ::waiting $::number
+        }
+    } message]} {
+        complain $message
+        set ::status 1
+        set ::ended 1
+    } elseif {[eof stdin]} {
+        set ::ended 1
     }
     go_on
 }
@@ -47,8 +56,8 @@ proc readable {} {
 proc go_on {} {
     ::qel::reactor event jobs writable [expr {[llength $::waiting] > 0 ? "give" : ""}]
     ::qel::reactor event stdin readable \
-        [expr {[dict size $::open] < $::limit && ![eof stdin] ? "readable" : ""}]
-    if {[eof stdin] && [dict size $::open] == 0} {
+        [expr {[dict size $::open] < $::limit && !$::ended ? "readable" : ""}]
+    if {$::ended && [dict size $::open] == 0} {
         ::qel::reactor stop
     }
 }
@@ -130,6 +139,6 @@ take_any_bytes stdin
 look_after
 ::qel::reactor start
 if {[dict size $open] > 0} {
-    say "$program: [dict size $open] jobs have no answer" stderr
+    say "$program: jobs without an answer: [dict size $open]" stderr
 }
 exit $status

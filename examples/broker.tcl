@@ -15,8 +15,8 @@
 #
 #     REQUEST frame ...        the client, other routing frames, an empty one, the body
 #
-# A worker that falls silent while idle is forgotten.  A request whose worker dies is
-# lost here, and found again by the client: it asks once more.
+# The broker forgets an idle worker whose heartbeats stop.  A request whose worker dies is
+# lost; the client sends it again.
 
 source [file join [file dirname [info script]] common.tcl]
 need zmq tcl-parvo

@@ -16,7 +16,7 @@ foreach signal {SIGINT SIGTERM} {
 proc stop {signal} {::qel::reactor stop}
 ::qel::reactor bgerror complain
 
-set limit 10000 ;# topics kept: whoever publishes must not be able to fill the memory
+set limit 10000 ;# topics kept: publishers cannot fill the memory
 set last {}     ;# topic -> message
 
 proc published {} {

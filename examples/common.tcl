@@ -44,8 +44,8 @@ proc show {text} {
         exit 1
     }
 }
-# Writes a line; returns whether it could.  A reader that has gone, as "head" does, is no
-# news; every other failure is reported.
+# Writes a line; returns whether it could.  A reader that has gone, as "head" does, is not
+# reported; every other failure is.
 proc printed {text} {
     if {![catch {puts $text} message]} {
         return 1
@@ -211,13 +211,13 @@ if {$userEncoding eq "iso8859-1" && ![catch {exec locale charmap 2>/dev/null} ch
 # The text of a frame in UTF-8, as a line on standard output can show it: see "shown".
 proc frame_text {frame} {
     if {[catch {encoding convertfrom utf-8 $frame} text]} {
-        set text $frame ;# Tcl 9 refuses what is no UTF-8: the bytes are shown
+        set text $frame ;# Tcl 9 refuses what is not UTF-8; its bytes are shown
     }
     return [shown $text]
 }
 
-# Lets a channel read lines whose bytes are no text in its encoding.  Tcl 9 makes an error
-# of them unless it is told otherwise; Tcl 8 does not have the option.
+# Lets a channel read lines that are not valid in its encoding, which are errors in Tcl 9.
+# Tcl 8 takes them, and does not have the option.
 proc take_any_bytes {channel} {
     catch {fconfigure $channel -profile tcl8}
 }

@@ -3,8 +3,8 @@
 #
 #     producer | linepush.tcl bind|connect endpoint ?hwm?
 #
-# While nobody takes messages, at most "hwm" of them are queued here for each peer, and a
-# line is held; then standard input is left alone, its pipe fills up and the producer waits.
+# While no peer takes messages, the program queues at most "hwm" lines for each peer and
+# holds one more.  Then it stops reading: the pipe fills up and the producer waits.
 # At the end of the input the program stays until the last line has left.
 #
 # SIGTERM and SIGINT end it after a second, in which the queued lines can leave.  It counts
@@ -17,7 +17,7 @@ foreach signal {SIGINT SIGTERM} {
     ::qel::reactor signal trap $signal interrupted
 }
 
-# Without its input or its socket this program has nothing to go on with.
+# Without its input or its socket the program cannot go on.
 proc failed {message {options {}}} {
     complain $message
     if {![string match "*unhandled ZMQ_POLLERR*" $message]} {
@@ -45,7 +45,7 @@ proc readable {} {
             return
         }
         if {![push_line]} {
-            # Away from the input, until the socket takes messages again.
+            # No more input until the socket takes messages again.
             ::qel::reactor event stdin readable {}
             ::qel::reactor event push writable writable
             return
@@ -123,7 +123,7 @@ fconfigure stdin -blocking 0 -translation binary
 set ahead [read stdin [chan pending input stdin]]
 incr held [regexp -all {[^\n]*\n|[^\n]+$} $ahead]
 if {$held + $queued > 0} {
-    say "$program: not sent: $held lines held, up to $queued queued for each peer" stderr
+    say "$program: lines not sent: $held held, up to $queued queued for each peer" stderr
     set status 1
 }
 if {$queued > 0} {

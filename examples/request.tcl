@@ -1,10 +1,10 @@
 #!/usr/bin/env tclsh
-# request.tcl -- asks until there is an answer, or for so many times.
+# request.tcl -- sends requests, and sends each again while no answer comes.
 #
 #     request.tcl endpoint text ?text ...? ?-server file? ?-key file?
 #
-# Prints one answer a line.  The server may see a request twice, when its answer was
-# lost or late: requests must be such that this does no harm.
+# Prints one answer a line.  The server may get a request twice, when its answer is lost
+# or late, so doing it twice must do no harm.
 
 source [file join [file dirname [info script]] common.tcl]
 need zmq tcl-parvo

@@ -16,10 +16,10 @@ foreach signal {SIGINT SIGTERM} {
 
 ::qel::reactor bgerror complain
 
-set longLife 10000 ;# milliseconds after which a worker counts as sound
+set longLife 10000 ;# milliseconds after which a worker counts as healthy
 set pauseMin 100   ;# milliseconds before a restart, doubled each time
 set pauseMax 30000
-set patience 5000  ;# milliseconds that workers have to end when they are told to
+set patience 5000  ;# milliseconds that workers have to end after SIGTERM
 set stopping 0
 set workers {}     ;# worker's channel -> dictionary: number, began, pause
 

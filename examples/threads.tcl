@@ -48,7 +48,7 @@ set body {
         if {[lindex $job 0] ne "file"} {
             break
         }
-        # A failure is an answer like any other: whoever gave the job waits for one.
+        # A failure is answered, too: the main thread waits for an answer to each job.
         set name [encoding convertfrom utf-8 [lindex $job 1]]
         set failed [catch {checksum $name} text]
         set result [list [lindex {done failed} $failed] [lindex $job 1] \
