@@ -134,9 +134,10 @@ foreach option $readable {
     lappend getAll [list "failed to retrieve value for option \"$option\": $zmqInvalid" \
         [list ZMQ SOCKET GET $option]]
 }
-proc numbered {format code {numbers {}}} {
-    if {$numbers eq ""} {for {set i 1} {$i < 32} {incr i} {lappend numbers $i}}
-    lmap n $numbers {list [format $format $n] $code}
+set signals [dict keys [::qel::reactor signal status]] ; # in the order of their numbers from 1 on
+proc numbered {format code} {
+    set n 0
+    lmap name $::signals {list [format $format [incr n]] $code}
 }
 proc one {message args} {list [list $message $args]}
 proc all {message args} {list * [list $message $args]}
@@ -272,9 +273,7 @@ lappend rows \
       [list {{failed to check signal SIGHUP} {QEL SIGNAL STATUS}} \
       {{failed to query blocked status for signal 1} {QEL SIGNAL STATUS BLOCKED}} \
       {{failed to query pending status for signal 1} {QEL SIGNAL STATUS PENDING}} \
-      {*}[lmap s {SIGINT SIGQUIT SIGILL SIGTRAP SIGABRT SIGBUS SIGFPE SIGKILL SIGUSR1 SIGSEGV SIGUSR2
-          SIGPIPE SIGALRM SIGTERM SIGSTKFLT SIGCHLD SIGCONT SIGSTOP SIGTSTP SIGTTIN SIGTTOU SIGURG
-          SIGXCPU SIGXFSZ SIGVTALRM SIGPROF SIGWINCH SIGIO SIGPWR SIGSYS} {
+      {*}[lmap s [lrange $signals 1 end] {
           list "failed to check signal $s" {QEL SIGNAL STATUS}}]] $both
 foreach {sub} {block unblock} {
     set done {{} {::qel::reactor signal %s {USR1 USR2}} signals_default}
