@@ -114,10 +114,10 @@ p connect inproc://s
 o bind inproc://o
 ::zmq::socket create d DEALER
 lassign [chan pipe] r w
-set cancel {foreach id [::qel::reactor after info] {::qel::reactor after cancel $id}}
-set default {::qel::reactor signal default USR1}
-set withdraw {::qel::reactor event s readable {}}
-set close {foreach name [::zmq::socket names] {if {[string match *zsock* $name]} {$name close}}}
+proc cancel {} {foreach id [::qel::reactor after info] {::qel::reactor after cancel $id}}
+proc default {} {::qel::reactor signal default USR1}
+proc ignore_s {} {::qel::reactor event s readable {}}
+proc close_new {} {foreach name [info commands ::zmq::zsock*] {$name close}}
 proc swallow {args} {}
 ::qel::reactor bgerror swallow
 proc thread_exits_in_timer {} {
@@ -153,7 +153,7 @@ foreach command {
 }
 foreach {setup command undo} {
     {} {::zmq::socket create t PUB} {t close}
-    {} {::zmq::socket new PUB} $close
+    {} {::zmq::socket new PUB} close_new
     {::zmq::socket create t PUB} {t close} {}
     {::zmq::socket create t PUB} {rename t {}} {}
     {::zmq::socket create t PUB; ::qel::reactor event t writable x} {t destroy} {}
@@ -172,29 +172,28 @@ foreach {setup command undo} {
     {p send word} {s recv} {}
     {p send a} {::zmq::poll s $r 0} {s recv}
     {} {::qel::reactor bgerror {swallow it}} {::qel::reactor bgerror swallow}
-    {} {::qel::reactor after 1000 {a script} {and one more}} $cancel
+    {} {::qel::reactor after 1000 {a script} {and one more}} cancel
     {::qel::reactor after 1000 x} {::qel::reactor after cancel x} {}
-    {::qel::reactor after 1000 x} {::qel::reactor after cancel nosuch} $cancel
-    {} {::qel::reactor event s readable {a script}} $withdraw
-    {::qel::reactor event s readable x} {::qel::reactor event s readable {a script}} $withdraw
+    {::qel::reactor after 1000 x} {::qel::reactor after cancel nosuch} cancel
+    {} {::qel::reactor event s readable {a script}} ignore_s
+    {::qel::reactor event s readable x} {::qel::reactor event s readable {a script}} ignore_s
     {::qel::reactor event s readable x} {::qel::reactor event s readable {}} {}
     {::qel::reactor event s readable x; ::qel::reactor event $r readable x}
-        {::qel::reactor events} {::qel::reactor event $r readable {}; $withdraw}
+        {::qel::reactor events} {::qel::reactor event $r readable {}; ignore_s}
     {} {::qel::reactor event $r readable {a script}} {::qel::reactor event $r readable {}}
     {later {::qel::reactor stop}} {::qel::reactor start} {}
     {later {error "of a script"}; later "\{"; later {::qel::reactor stop}} {::qel::reactor start} {}
-    {p send a; ::qel::reactor event s readable {s recv; ::qel::reactor stop}} {::qel::reactor start} $withdraw
+    {p send a; ::qel::reactor event s readable {s recv; ::qel::reactor stop}} {::qel::reactor start} ignore_s
     {later {catch ::qel::reactor start; ::qel::reactor stop; error x {} {MY CODE}}} {::qel::reactor start} {}
-    {} {::qel::reactor signal ignore USR1} $default
+    {} {::qel::reactor signal ignore USR1} default
     {} {::qel::reactor signal default USR1} {}
-    {} {::qel::reactor signal trap USR1 {a script}} $default
-    {::qel::reactor signal trap USR1 x} {::qel::reactor signal trap USR1 {a script}} $default
-    {::qel::reactor signal trap USR1 x} {::qel::reactor signal trap} $default
+    {} {::qel::reactor signal trap USR1 {a script}} default
+    {::qel::reactor signal trap USR1 x} {::qel::reactor signal trap USR1 {a script}} default
+    {::qel::reactor signal trap USR1 x} {::qel::reactor signal trap} default
     {} {::qel::reactor signal block {USR1 USR2}} {::qel::reactor signal unblock {USR1 USR2}}
     {::qel::reactor signal block {USR1 USR2}} {::qel::reactor signal unblock {USR1 USR2}} {}
 } {
-    lappend rows ok $setup [subst -nobackslashes -nocommands $command] [string map \
-        [list \$close $close \$cancel $cancel \$withdraw $withdraw \$default $default] $undo]
+    lappend rows ok $setup [subst -nobackslashes -nocommands $command] $undo
 }
 set wrong {TCL WRONGARGS}
 catch {string repeat x y} - options

@@ -133,8 +133,8 @@ proc peer_ended {name count} {
 }
 proc ended {dealer} {}
 
-# Sends a signal every 10 ms, until its standard input ends.  They take turns, since a
-# second one of the same kind is lost while the first waits.
+# Sends a signal every 10 ms, until its standard input ends: a different one each time, since
+# a second one of the same kind is lost while the first waits.
 set clock_program {
     LC_ALL=C
     due=${EPOCHREALTIME/./}
