@@ -187,6 +187,8 @@ lappend rows server zmq_getsockopt 22 $server [list [list $noKeys {ZMQ CURVE OPT
         {{::zmq::socket create s PULL; ::zmq::monitor start s inproc://events[incr ::endpoint]} {::zmq::monitor stop s} {s close}} \
         [one {failed to stop monitor: Invalid argument} ZMQ MONITOR STOP] $both
 foreach {function calls} {malloc 1 strdup 1 zmq_socket 2 zmq_bind 1 zmq_connect 1 zmq_socket_monitor 1 pthread_create 1} {
+    # Under valgrind its own malloc stands before all others.
+    if {$function eq "malloc" && [string match *vgpreload* $::env(LD_PRELOAD)]} continue
     lappend rows monitor $function 22 $monitor [lrepeat $calls [list $noMonitor {ZMQ MONITOR START}]] $both
 }
 foreach {method done} {bind bind unbind unbind connect connect disconnect disconnect} {
