@@ -441,9 +441,9 @@ proc poll_errors {} {llength [split [string trim [stderr_news]] \n]}
 observe poll-interrupted zmq_poll 4 {run_reactor 50} {expr {[poll_errors] > 20}} 1 1
 proc signalled {} {
     set ::ran {}
-    ::qel::reactor signal trap USR1 {lappend ::ran}
+    ::qel::reactor signal trap USR1 {apply {name {lappend ::ran $name; ::qel::reactor stop}}}
     exec sh -c "kill -USR1 [pid]"
-    run_reactor 100
+    ::qel::reactor start
     signals_default
 }
 # Tcl has words of its own for errors, which differ between its versions.
