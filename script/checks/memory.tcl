@@ -90,9 +90,10 @@ proc examine {expected setup command undo} {
         lappend left memory
         puts "$command: $grown KiB more"
     }
-    if {[descriptors] != $base} {lappend left descriptors}
+    # Fewer than at the beginning is no fault: what an earlier row held may have come back late.
+    if {[descriptors] > $base} {lappend left descriptors}
     for {set tries 1000} {[threads] > $tasks && $tries > 0} {incr tries -1} {after 2}
-    if {[threads] != $tasks} {lappend left threads}
+    if {[threads] > $tasks} {lappend left threads}
     return $left
 }
 
