@@ -316,7 +316,7 @@ static void stubs_replace(void) {
 }
 
 /* Begins to write down waits, or ends it and gives them. */
-static int waits_turn(Tcl_Interp* interp, int on) {
+static int waits_switch(Tcl_Interp* interp, int on) {
     static Tcl_GetTimeProc* get;
     static Tcl_ScaleTimeProc* scale;
     Tcl_Obj* list = Tcl_NewListObj(0, NULL);
@@ -347,7 +347,7 @@ static int FaultCmd(ClientData unused, Tcl_Interp* interp, int objc,
         return TCL_OK;
     }
     if (objc > 1 && strcmp(Tcl_GetString(objv[1]), "waits") == 0) {
-        return waits_turn(interp, objc > 2);
+        return waits_switch(interp, objc > 2);
     }
     if (objc == 2) {
         const int left = strcmp(Tcl_GetString(objv[1]), "left") == 0;
