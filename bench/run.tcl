@@ -49,10 +49,12 @@ proc start {command} {
 proc values {program {helpers {}}} {
     set line ""
     while {[lindex $line 0] ne "value" && [gets $program line] >= 0} {}
-    finish $program {*}$helpers
     if {[lindex $line 0] ne "value"} {
-        error "a program ended without a value"
+        catch {close $program} - how
+        finish {*}$helpers
+        error "a program ended without a value: [dict get $how -errorcode]"
     }
+    finish $program {*}$helpers
     return [lrange $line 1 end]
 }
 
@@ -145,7 +147,7 @@ for {set round 0} {$round < $most} {incr round} {
     if {$round >= $least && [clock seconds] - $begin > $limit * $round / ($round + 1.0)} break
     foreach measurement $selected {
         if {[catch {measure $measurement $round} message]} {
-            puts stderr "bench: left out: [lindex $measurement 3]: $message"
+            puts stderr "bench: left out: $measurement: $message"
             lappend failed $measurement
         }
     }

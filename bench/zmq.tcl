@@ -262,15 +262,14 @@ proc workload_standing {which count} {
 }
 
 # Runs timers that are all due.  They too were scheduled latest first, so that Tcl finds
-# each at the head of its lists: they span longer than scheduling them takes, or the later
-# ones would be due later.
+# each at the head of its lists, and by the clock: a machine that is busy meanwhile must
+# not make the next one due later than those before.
 proc workload_due {which count} {
-    set ms [expr {10 + $count / 40}]
+    set first [expr {[clock milliseconds] + 20 + $count / 50}]
     for {set i $count} {$i > 0} {incr i -1} {
-        lappend soon [expr {$ms * $i / $count}]
+        schedule-$which [list [expr {$first + $i / 200 - [clock milliseconds]}]]
     }
-    schedule-$which $soon
-    after [expr {$ms + 1}]
+    after [expr {$first + $count / 200 + 1 - [clock milliseconds]}]
     set ::left $count
     set start [clock microseconds]
     run-$which
