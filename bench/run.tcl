@@ -118,7 +118,7 @@ proc measure {measurement round} {
 # Running.
 
 source [file join $here report.tcl]
-foreach file {messages curve timers start} {
+foreach file {messages curve queue timers start} {
     source [file join $here rows $file.tcl]
 }
 set selected {}

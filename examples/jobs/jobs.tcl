@@ -34,8 +34,8 @@ package require zmq
 # Text travels in UTF-8.  Bytes that are none must stop no work: Tcl 8 takes each for a
 # character, and Tcl 9, which makes an error of them unless told otherwise, does the same.
 set utf8 [expr {[package vsatisfies [package provide Tcl] 9-] ? {-profile tcl8 utf-8} : "utf-8"}]
-proc to_bytes {text} {encoding convertto {*}$::utf8 $text}
-proc from_bytes {bytes} {encoding convertfrom {*}$::utf8 $bytes}
+interp alias {} to_bytes {} encoding convertto {*}$utf8
+interp alias {} from_bytes {} encoding convertfrom {*}$utf8
 
 # Writes a line for people.  That nobody can read it (full disk, closed pipe) stops no work.
 proc log {text} {catch {puts stderr "[::qel::timestamp] $::program: $text"}}

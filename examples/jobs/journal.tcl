@@ -58,6 +58,7 @@ proc recover {} {
         new_submitter $name
         array set ::sid [list $name $sid]
         array set ::low [list $name $low]
+        array set ::top [list $name $low]
         set names($sid) $name
         set ::lastSid [expr {max($::lastSid, $sid)}]
     }
@@ -79,6 +80,12 @@ proc recover {} {
         if {![info exists tries($number)]} {set tries($number) 0}
         lset tries($number) 0 [expr {[lindex $tries($number) 0] + $made}]
         lappend tries($number) $reason
+    }
+    foreach sid [array names names] {
+        foreach array {job result dead acked} {
+            set numbers [array names ::$array:$names($sid)]
+            set ::top($names($sid)) [tcl::mathfunc::max $::top($names($sid)) {*}$numbers]
+        }
     }
     db eval {SELECT token FROM worker} {set ::expected($token) 1}
     if {$::unfinished || [array size names]} {

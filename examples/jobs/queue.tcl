@@ -30,7 +30,7 @@ source [file join [file dirname [file normalize [info script]]] journal.tcl]
 #   guest(route)       name of a submitter
 #   quiet(route)       looks in a row without a message
 # Of a submitter, by name: route(name), "" while it is away; tokenOf(name); low(name), up to
-# which every number is acknowledged; waiting(name), its numbers not given out, of which the
+# which every number is acknowledged; top(name), the greatest number seen; waiting(name), its numbers not given out, of which the
 # first next(name) are gone already; suspects(name), see lose; and in arrays of its own
 #   job:NAME(number)     a job without a result
 #   given:NAME(number)   the route of the worker that holds it
@@ -38,7 +38,7 @@ source [file join [file dirname [file normalize [info script]]] journal.tcl]
 #   acked:NAME(number)   acknowledged, above low
 #   tries:NAME(number)   {attempts reason ...}
 # A number in "waiting" may have been given out or finished meanwhile: then it is skipped.
-foreach array {worker holds credit served rate alone guest quiet asked route tokenOf low
+foreach array {worker holds credit served rate alone guest quiet asked route tokenOf low top
         waiting next suspects fresh deliver} {
     array set $array {}
 }
@@ -115,6 +115,7 @@ proc settle {} {
 proc new_submitter {name} {
     array set ::low [list $name 0]
     array set ::next [list $name 0]
+    array set ::top [list $name 0]
     array set ::waiting [list $name {}]
     array set ::suspects [list $name {}]
     array set ::route [list $name ""]
@@ -152,7 +153,7 @@ proc submitter_hello {route version kind name token} {
 
 proc submitter_submit {route numbers args} {
     set name $::guest($route)
-    upvar #0 job:$name job result:$name result dead:$name dead acked:$name acked
+    upvar #0 job:$name job result:$name result dead:$name dead acked:$name acked top($name) top
     if {$::refusing ne ""} {
         return [refuse $route $numbers $::refusing]
     }
@@ -163,7 +164,11 @@ proc submitter_submit {route numbers args} {
     set new {}
     set finished {}
     foreach number $numbers body $args {
-        if {$number <= $low || [info exists acked($number)]} {
+        if {$number > $top} {
+            set top $number
+            set job($number) $body
+            lappend new $number
+        } elseif {$number <= $low || [info exists acked($number)]} {
             lappend finished $number
         } elseif {![info exists job($number)] && ![info exists result($number)]
                 && ![info exists dead($number)]} {
@@ -243,7 +248,7 @@ proc submitter_forget {route} {
     incr ::out -[array size given]
     incr ::unfinished -[array size job]
     foreach array {job given result dead acked tries} {unset ::$array:$name}
-    foreach array {low next waiting suspects route tokenOf} {array unset ::$array $name}
+    foreach array {low top next waiting suspects route tokenOf} {array unset ::$array $name}
     set ::turns [lsearch -all -inline -exact -not $::turns $name]
     array unset ::fresh $name
     array unset ::deliver $name
@@ -316,20 +321,24 @@ proc worker_done {route submitter credit numbers args} {
     set ::credit($route) $credit
     incr ::served($route) [llength $numbers]
     set new {}
+    set mine 0
     foreach number $numbers outcome $args {
         if {![info exists job($number)]} continue
         unset job($number)
         if {[info exists given($number)]} {
-            incr holds($given($number)) -1
-            if {$given($number) ne $route} {
+            if {$given($number) eq $route} {
+                unset given($number)
+                incr mine
+            } else {
                 post $::workers $given($number) drop $submitter $number
+                release $submitter $number
             }
-            unset given($number)
-            incr ::out -1
         }
         set result($number) $outcome
         lappend new $number
     }
+    incr holds($route) -$mine
+    incr ::out -$mine
     unset -nocomplain ::alone($route)
     incr ::total(done) [llength $new]
     incr ::total(late) [expr {[llength $numbers] - [llength $new]}]

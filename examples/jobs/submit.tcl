@@ -34,7 +34,7 @@ set status 0
 set refusal ""
 array set line {}    ;# number -> job without a result
 array set have {}    ;# number -> 1: its result is written, the line was not read yet
-array set total {done 0 dead 0}
+set dead 0           ;# dead letters
 
 proc finish {code} {
     set ::status $code
@@ -47,21 +47,23 @@ proc interrupt {signal} {
 
 # Reads standard input while there is room for its jobs.
 proc read_jobs {} {
+    upvar #0 line line number number
     set numbers {}
     set jobs {}
     set size 0
-    while {[llength $numbers] < 200 && $size < 1000000} {
+    while {[llength $jobs] < 200 && $size < 1000000} {
         if {[catch {gets stdin job} length]} {
             log "cannot read the jobs: $length"
             return [finish 1]
         }
         if {$length < 0} break
-        if {[info exists ::have([incr ::number])]} {
-            unset ::have($::number)
+        incr number
+        if {[array size ::have] && [info exists ::have($number)]} {
+            unset ::have($number)
             continue
         }
-        set ::line($::number) $job
-        lappend numbers $::number
+        set line($number) $job
+        lappend numbers $number
         lappend jobs $job
         incr size $length
     }
@@ -133,16 +135,19 @@ proc settle {number} {
     set ::have($number) 1
 }
 proc hear_finished {numbers} {
-    foreach number $numbers {incr ::total(done) [settle $number]}
+    foreach number $numbers {settle $number}
     arrange
 }
 # What is written is written before it is acknowledged.
 proc hear_results {numbers args} {
+    upvar #0 line line bytes bytes
     set text ""
     foreach number $numbers result $args {
-        if {![settle $number]} continue
-        incr ::total(done)
-        append text "$number [string map {\\ \\\\ \n \\n} $result]\n"
+        if {[info exists line($number)]} {
+            incr bytes -[string length $line($number)]
+            unset line($number)
+        } elseif {![settle $number]} continue
+        append text $number " " [string map {\\ \\\\ \n \\n} $result] \n
     }
     if {[catch {puts -nonewline $::results $text; flush $::results} message]} {
         log "cannot write results: $message: run again as -name $::option(-name)"
@@ -154,14 +159,14 @@ proc hear_results {numbers args} {
 proc hear_dead {numbers args} {
     foreach number $numbers reasons $args {
         if {[settle $number]} {
-            incr ::total(dead)
+            incr ::dead
             log "job $number is dead: [join [from_bytes $reasons] {; }]"
         }
     }
     inform acknowledge $numbers
     arrange
 }
-proc hear_forgotten {} {finish [expr {$::total(dead) > 0}]}
+proc hear_forgotten {} {finish [expr {$::dead > 0}]}
 
 proc hear_status {text} {
     set status [from_bytes $text]

@@ -21,14 +21,13 @@ source [file join [file dirname [file normalize [info script]]] jobs.tcl]
 
 proc job {text} {return $text}
 
-set backlog {}      ;# {submitter number job ...}: not begun
-set head 0          ;# index of the next one
+set backlog {}      ;# {{submitter numbers jobs} ...}: not begun
 set working 0       ;# a slice of work is scheduled
 set stopping 0
 set status 0
 set credit 2        ;# jobs that this worker takes
 set average 1000.0  ;# microseconds that a job takes
-array set open {}   ;# submitter/number -> {kind outcome}, not yet safe at the queue
+array set open {}   ;# {submitter numbers} -> {kind outcomes}, not yet safe at the queue
 array set total {done 0 failed 0}
 
 # The settings, with what a configuration file says about them: one "name number" to a
@@ -57,93 +56,103 @@ proc reload {signal} {
     log "new settings: $limits"
 }
 proc report {signal} {
-    log "statistics: [array get ::total] waiting [waiting] credit $::credit\
+    set waiting [concat {*}[lmap batch $::backlog {lindex $batch 1}]]
+    log "statistics: [array get ::total] waiting [llength $waiting] credit $::credit\
         unconfirmed [array size ::open] settings: $::limits"
 }
-proc waiting {} {expr {([llength $::backlog] - $::head) / 3}}
 
 # The queue asks who we are: it learns what is held here, done or not.
 proc hear_hello {version} {
     if {$version != 1} {hear_error "the queue speaks version $version, this worker version 1"}
     set ::greeted 0
     array set held {}
-    foreach key [array names ::open] {
-        regexp {^(.*)/(\d+)$} $key -> submitter number
-        lappend held($submitter) $number
-    }
-    foreach {submitter number job} [lrange $::backlog $::head end] {
-        lappend held($submitter) $number
+    foreach batch [concat [array names ::open] $::backlog] {
+        lassign $batch submitter numbers
+        lappend held($submitter) {*}$numbers
     }
     inform hello 1 worker $::option(-name) $::token $::credit {*}[array get held]
 }
 proc welcomed {} {
     foreach key [array names ::open] {
-        regexp {^(.*)/(\d+)$} $key -> submitter number
-        lassign $::open($key) kind outcome
-        inform $kind $submitter $::credit $number $outcome
+        lassign $key submitter numbers
+        lassign $::open($key) kind outcomes
+        inform $kind $submitter $::credit $numbers {*}$outcomes
     }
     if {$::stopping} {inform bye}
 }
-proc hear_kept {submitter numbers} {
-    foreach number $numbers {unset -nocomplain ::open($submitter/$number)}
-}
-proc hear_drop {submitter numbers} {
-    hear_kept $submitter $numbers
+# The queue confirms a message under the numbers that this one had.
+proc hear_kept {submitter numbers} {unset -nocomplain ::open([list $submitter $numbers])}
+# What is done already is confirmed in any case.
+proc hear_drop {submitter dropped} {
     set rest {}
-    foreach {name number job} [lrange $::backlog $::head end] {
-        if {$name ne $submitter || $number ni $numbers} {lappend rest $name $number $job}
+    foreach batch $::backlog {
+        lassign $batch name numbers jobs
+        if {$name eq $submitter} {
+            set left {}
+            foreach number $numbers job $jobs {
+                if {$number ni $dropped} {lappend left $number $job}
+            }
+            set numbers [lmap {number job} $left {set number}]
+            set jobs [lmap {number job} $left {set job}]
+        }
+        if {[llength $numbers]} {lappend rest [list $name $numbers $jobs]}
     }
     set ::backlog $rest
-    set ::head 0
 }
 proc hear_jobs {submitter numbers args} {
     # Jobs that arrive after our "bye" or before the welcome of a new connection are no
     # longer ours: the queue gives them out again.
     if {$::stopping || !$::greeted} return
-    foreach number $numbers job $args {lappend ::backlog $submitter $number $job}
+    lappend ::backlog [list $submitter $numbers $args]
     if {!$::working} {
         set ::working 1
         ::qel::reactor after 0 work
     }
 }
 
-# Works for a few milliseconds, hands in what came out, and lets the reactor look at
-# signals and messages.
+# Works on one batch for a few milliseconds, hands in what came out, and lets the reactor
+# look at signals and messages.
 proc work {} {
-    upvar #0 backlog backlog head head open open
     set ::working 0
+    if {![llength $::backlog] || $::stopping} return
+    set ::backlog [lassign $::backlog batch]
+    lassign $batch submitter numbers jobs
     set start [clock microseconds]
     set begun 0
-    while {$head < [llength $backlog] && !$::stopping} {
-        set submitter [lindex $backlog $head]
-        set number [lindex $backlog $head+1]
-        set text [from_bytes [lindex $backlog $head+2]]
-        incr head 3
-        set kind [expr {[catch {job $text} outcome] ? "failed" : "done"}]
-        set outcome [to_bytes $outcome]
-        set open($submitter/$number) [list $kind $outcome]
-        lappend numbers($kind,$submitter) $number
-        lappend outcomes($kind,$submitter) $outcome
+    foreach kind {done failed} {
+        set ${kind}Numbers {}
+        set ${kind}Outcomes {}
+    }
+    foreach number $numbers job $jobs {
         incr begun
+        if {[catch {job [from_bytes $job]} outcome]} {
+            lappend failedNumbers $number
+            lappend failedOutcomes [to_bytes $outcome]
+        } else {
+            lappend doneNumbers $number
+            lappend doneOutcomes [to_bytes $outcome]
+        }
         if {[set spent [expr {[clock microseconds] - $start}]] > 3000} break
     }
-    if {!$begun} return
-    if {$head >= [llength $backlog]} {
-        set backlog {}
-        set head 0
+    if {$begun < [llength $numbers]} {
+        set rest [list $submitter [lrange $numbers $begun end] [lrange $jobs $begun end]]
+        set ::backlog [linsert $::backlog 0 $rest]
     }
     set ::average [expr {0.8 * $::average + 0.2 * $spent / $begun}]
     set ahead [expr {int(1000.0 * [dict get $::limits ahead] / max(1.0, $::average))}]
     set ::credit [expr {max(2, min([dict get $::limits credit], $ahead))}]
-    foreach key [array names numbers] {
-        regexp {^(\w+),(.*)$} $key -> kind submitter
-        incr ::total($kind) [llength $numbers($key)]
-        if {$::greeted} {inform $kind $submitter $::credit $numbers($key) {*}$outcomes($key)}
-    }
-    if {$head < [llength $backlog] && !$::working} {
+    hand_in done $submitter $doneNumbers $doneOutcomes
+    hand_in failed $submitter $failedNumbers $failedOutcomes
+    if {[llength $::backlog]} {
         set ::working 1
         ::qel::reactor after 0 work
     }
+}
+proc hand_in {kind submitter numbers outcomes} {
+    if {![llength $numbers]} return
+    incr ::total($kind) [llength $numbers]
+    set ::open([list $submitter $numbers]) [list $kind $outcomes]
+    if {$::greeted} {inform $kind $submitter $::credit $numbers {*}$outcomes}
 }
 
 # The jobs not begun go back with "bye"; the queue's answer comes behind the confirmation
@@ -151,7 +160,6 @@ proc work {} {
 proc stop {signal} {
     if {[incr ::stopping] > 1} return
     set ::backlog {}
-    set ::head 0
     ::qel::reactor after [expr {[array size ::open] ? [dict get $::limits linger] : 1000}] give_up
     if {$::greeted} {inform bye}
 }
@@ -161,7 +169,7 @@ proc hear_bye {} {
 proc give_up {} {
     if {[array size ::open]} {
         set ::status 1
-        log "the queue did not take [array size ::open] results: other workers do these jobs again"
+        log "the queue did not take all results: other workers do these jobs again"
     }
     ::qel::reactor stop
 }
