@@ -20,7 +20,7 @@ proc spawn {args} {
     return $channel
 }
 proc finish {} {
-    foreach child $::children {catch {exec kill $child 2>/dev/null}}
+    foreach child $::children {catch {exec kill -KILL $child 2>/dev/null}}
     foreach child $::children {
         for {set n 0} {$n < 400 && [file exists /proc/$child]} {incr n} {
             after 5
@@ -74,7 +74,7 @@ proc run_queue {size count args} {
     set start [clock microseconds]
     exec {*}$command <$::dir/jobs >/dev/null
     set rate [expr {$count / [seconds_since $start]}]
-    set ::pipe [open |$command r+]
+    lappend ::children [pid [set ::pipe [open |$command r+]]]
     fconfigure $::pipe -blocking 0 -translation binary -buffersize 1000000
     proc send_job {job} {puts $::pipe $job}
     proc flush_jobs {} {
