@@ -57,6 +57,12 @@ proc memory {} {
 }
 proc descriptors {} {llength [glob -directory /proc/self/fd *]}
 
+# A program of another role.  Its words go in hexadecimal: a key may begin with ">", which
+# would name a file.
+proc started {role words mode} {
+    open |[list [info nameofexecutable] $::self $role [binary encode hex $words] 2>@stderr] $mode
+}
+
 proc serve {count} {
     package require zmq::auth
     global known public secret others right
@@ -79,8 +85,8 @@ proc serve {count} {
     ::qel::reactor event in readable {arrived {*}[in recv]}
     ::qel::reactor event events readable accepted
     set endpoint [in configure -last_endpoint]
-    set right [open |[list [info nameofexecutable] $::self peer $endpoint $public $known 2>@stderr] r+]
-    set others [open |[list [info nameofexecutable] $::self strangers $endpoint $public $count 2>@stderr]]
+    set right [started peer [list $endpoint $public $known] r+]
+    set others [started strangers [list $endpoint $public $count] r]
     ::qel::reactor event $others readable stopped
     ::qel::reactor bgerror {apply {{message options} {puts "FAIL: $message"; exit 1}}}
     ::qel::reactor start
@@ -120,7 +126,7 @@ proc look {tries} {
 
 lassign $argv role
 if {$role ne "serve"} {
-    $role {*}[lrange $argv 1 end]
+    $role {*}[binary decode hex [lindex $argv 1]]
     exit
 }
 set count [lindex $argv 1]
