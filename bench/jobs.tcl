@@ -13,19 +13,22 @@
 # The other forms, "worker", "put" and "pace", are the processes of beanstalkd's side.
 set here [file dirname [file normalize [info script]]]
 set examples [file join [file dirname $here] examples]
-set children {}
+set channels {}    ;# pipes of processes
+set children {}    ;# numbers of the others
 
 proc spawn {args} {
-    lappend ::children [pid [set channel [open |[list [info nameofexecutable] {*}$args]]]]
+    set channel [open |[list [info nameofexecutable] {*}$args]]
+    lappend ::channels $channel
     return $channel
 }
+# A channel that is closed has waited for its process.
 proc finish {} {
-    foreach child $::children {catch {exec kill -KILL $child 2>/dev/null}}
-    foreach child $::children {
-        for {set n 0} {$n < 400 && [file exists /proc/$child]} {incr n} {
-            after 5
-            catch {exec true}
-        }
+    foreach process [concat $::children {*}[lmap channel $::channels {pid $channel}]] {
+        catch {exec kill -KILL $process 2>/dev/null}
+    }
+    foreach channel $::channels {
+        fconfigure $channel -blocking 1
+        catch {close $channel}
     }
     file delete -force $::dir
 }
@@ -74,7 +77,7 @@ proc run_queue {size count args} {
     set start [clock microseconds]
     exec {*}$command <$::dir/jobs >/dev/null
     set rate [expr {$count / [seconds_since $start]}]
-    lappend ::children [pid [set ::pipe [open |$command r+]]]
+    lappend ::channels [set ::pipe [open |$command r+]]
     fconfigure $::pipe -blocking 0 -translation binary -buffersize 1000000
     proc send_job {job} {puts $::pipe $job}
     proc flush_jobs {} {

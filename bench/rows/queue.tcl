@@ -4,12 +4,12 @@
 section queue "Jobs through four workers and back"
 
 # The subject "package" is the queue in the form of the row; beanstalkd has a log when the
-# queue has a journal.
+# queue has a journal.  A run takes each about one or two seconds.
 proc run_jobs {form size subject count} {
     set system [dict get [dict create package $form pushpull pushpull \
         beanstalkd [expr {$form eq "journal" ? "binlog" : "beanstalkd"}]] $subject]
     set ::delays($form,$size,$subject) [lassign [values [start [list $::tclsh \
-        [file join $::here jobs.tcl] $system $size [expr {$::quick ? 2000 : 10000}]]]] rate]
+        [file join $::here jobs.tcl] $system $size [expr {$subject eq "beanstalkd" ? 10000 : 50000}]]]] rate]
     return $rate
 }
 # The same run has measured these, unless their row is asked for alone.
