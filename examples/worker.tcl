@@ -5,6 +5,10 @@
 #              ?-name name? ?-job script? ?-config file?
 #              ?-server file? ?-key file?
 #
+# This is the smallest example of a pipeline: when the worker is stopped, jobs in the buffers
+# of its connection are lost, and when it is killed, those that it has received, too, while
+# jobs/worker.tcl behind jobs/queue.tcl loses none.
+#
 # The worker connects; the endpoints are bound by those that give it work.
 #   jobs     PULL  one message is one job, lost if on its way when the worker goes
 #   results  PUSH  {result name frame ...}       what a job returned
