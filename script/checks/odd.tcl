@@ -176,14 +176,14 @@ proc harmless {command} {
     foreach word $command {
         if {[string match *guard* $word]} {return 0}
     }
-    if {$name eq "::zmq::poll" && [string is wideinteger -strict [lindex $command end]]
+    if {$name eq "::zmq::poll" && [string is entier -strict [lindex $command end]]
         && [lindex $command end] ni {0 1}} {return 0}
     if {$name eq "rename" && ![string match ::zmq::zsock* $sub] && $sub ni $::names} {return 0}
     # Without its trap a signal that waits would end the process.
     if {$name eq "::qel::reactor" && [string match s* $sub] && [llength $command] > 3
         && $::raised && [pending]} {return 0}
     # A long linger time holds the end of the program up, as it is meant to.
-    if {[lindex $command 2] eq "-linger" && [string is wideinteger -strict [lindex $command 3]]
+    if {[lindex $command 2] eq "-linger" && [string is entier -strict [lindex $command 3]]
         && [lindex $command 3] ni {0 1}} {return 0}
     # A connection over inproc that waits for its endpoint while sockets close and bind can
     # meet an assertion of libzmq (pipe.cpp:87): the guards hold a and b.
