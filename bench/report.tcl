@@ -220,7 +220,9 @@ proc wanted {rows name subject} {
 
 # What the README shows: five lines and a plot.
 proc summary {rows} {
-    set lines [list "[machine]; medians of the rounds, and the best:" ""]
+    set loads [lmap row [select $rows subject package] {dict get $row load}]
+    set lines [list "[machine]; medians of the rounds, and the best, while other programs kept\
+        [median $loads] processors busy:" ""]
     foreach {name what} {
         inproc-64 "64 B to itself over inproc, sent and received"
         recv-64 "64 B received over tcp" reactor-0 "64 B over tcp, each by a handler of the reactor"
