@@ -24,7 +24,7 @@ proc spawn {args} {
 # A channel that is closed has waited for its process.
 proc finish {} {
     foreach process [concat $::children {*}[lmap channel $::channels {pid $channel}]] {
-        catch {exec kill -KILL $process 2>/dev/null}
+        catch {exec sh -c "kill -KILL $process" 2>/dev/null}
     }
     foreach channel $::channels {
         fconfigure $channel -blocking 1

@@ -26,7 +26,7 @@ proc fail {text} {
 }
 proc end {status} {
     foreach name [array names ::process] {
-        catch {exec kill -KILL $::process($name)}
+        catch {exec sh -c "kill -KILL $::process($name)"}
         while {[alive $name]} {after 10}
     }
     catch {exec umount $::dir/disk 2>/dev/null}
@@ -38,7 +38,7 @@ proc alive {name} {
     expr {[info exists ::process($name)] && [file exists /proc/$::process($name)]}
 }
 proc signal {name signal} {
-    if {[alive $name]} {catch {exec kill -$signal $::process($name)}}
+    if {[alive $name]} {catch {exec sh -c "kill -$signal $::process($name)"}}
 }
 proc start {name program args} {
     set ::process($name) [exec [info nameofexecutable] $::programs/$program.tcl {*}$args \
