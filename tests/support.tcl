@@ -77,6 +77,14 @@ proc scratch {args} {
     file join $::support(dir) {*}$args
 }
 
+# A socket of some type that waits 15 seconds at most.
+proc made {type} {
+    set s [::zmq::socket new $type]
+    $s configure -rcvtimeo 15000
+    $s configure -sndtimeo 15000
+    return $s
+}
+
 # A socket bound to a free loopback port; the endpoint goes into a variable.
 proc bound {type endpointName} {
     upvar 1 $endpointName endpoint
