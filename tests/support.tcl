@@ -107,6 +107,8 @@ proc file_text {path} {
     close $f
     return $text
 }
+# The version of the package, which CMake knows.
+regexp {project\(\w+ VERSION ([\d.]+)} [file_text [file join $::support(root) CMakeLists.txt]] -> ::support(version)
 
 # Runs a script in a tclsh of its own, with the package loaded; gives what it wrote to
 # standard output and error and its exit status, or the signal that ended it.
