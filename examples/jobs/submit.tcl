@@ -58,7 +58,7 @@ proc read_jobs {} {
         }
         if {$length < 0} break
         incr number
-        if {[array size ::have] && [info exists ::have($number)]} {
+        if {[info exists ::have($number)]} {
             unset ::have($number)
             continue
         }
