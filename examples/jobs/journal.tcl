@@ -7,12 +7,18 @@
 # with it are refused and taken out of memory; all other entries stay and are tried again.
 #
 # A reserve file gives back its room when the disk is full, so that the jobs accepted before
-# can be finished; nothing more is accepted until it could be written again.
+# can be finished; nothing more is accepted until it could be written again, with as much room
+# left.  For this the reserve is twice what SQLite's log can hold, because emptying the log
+# into the database needs the room of the log once more: a transaction takes in about
+# "chunkBytes" and the log is emptied when it has "logPages" of 4096 bytes.
 
 set journaling 0
 set entries {}           ;# {procedure argument ...}: not written yet
 set stalled 0            ;# a transaction has failed, the next attempt is scheduled
 set reserveBytes 8000000
+set chunkBytes 1000000
+set logPages 500
+set written 0            ;# bytes of jobs and results in the transaction
 set lastSid 0
 array set sid {}         ;# name of a submitter -> its number in the database
 array set expected {}    ;# token of a worker that may still hold recovered jobs
@@ -28,6 +34,7 @@ proc journal_open {file} {
     package require sqlite3
     sqlite3 db $file
     db cache size 40
+    db eval "PRAGMA wal_autocheckpoint = $::logPages"
     db eval {PRAGMA locking_mode = EXCLUSIVE; PRAGMA auto_vacuum = INCREMENTAL}
     db eval {PRAGMA journal_mode = WAL}
     db eval "PRAGMA synchronous = [expr {$::option(-sync) ? "FULL" : "NORMAL"}]"
@@ -117,7 +124,7 @@ proc journal_write {} {
         lack_room $reason
         refuse_fresh $::refusing
         if {[catch write_entries reason]} {
-            if {!$::stalled} {::qel::reactor after 500 {set stalled 0; settle}}
+            if {!$::stalled} {::qel::reactor after 500 unstall}
             set ::stalled 1
             return 0
         }
@@ -125,9 +132,26 @@ proc journal_write {} {
     accept_fresh
     return 1
 }
+proc unstall {} {
+    catch {db eval {PRAGMA wal_checkpoint(TRUNCATE)}}
+    set ::stalled 0
+    settle
+}
+# What is in an earlier transaction than the one that fails stays written: a job that is
+# refused all the same is submitted again, and a second time is harmless.
 proc write_entries {} {
-    db transaction {foreach entry $::entries {{*}$entry}}
-    set ::entries {}
+    while {[llength $::entries]} {
+        set ::written 0
+        set done 0
+        db transaction {
+            foreach entry $::entries {
+                {*}$entry
+                incr done
+                if {$::written > $::chunkBytes} break
+            }
+        }
+        set ::entries [lrange $::entries $done end]
+    }
 }
 proc lack_room {reason} {
     if {$::refusing eq ""} {
@@ -138,16 +162,21 @@ proc lack_room {reason} {
 }
 proc make_reserve {} {
     set channel [open $::reserve w]
-    if {[catch {puts -nonewline $channel [string repeat 0 $::reserveBytes]; close $channel} reason]} {
+    if {[catch {
+        puts -nonewline $channel [string repeat 0 [expr {2 * $::reserveBytes}]]
+        chan truncate $channel $::reserveBytes
+        close $channel
+    } reason]} {
         catch {close $channel}
         file delete $::reserve
         error $reason
     }
 }
-# Looks whether there is room again, also that which finished jobs have left in the file.
+# Looks whether there is room again, also that which finished jobs have left in the file: what
+# is moved for this goes through the log.
 proc journal_watch {} {
     if {!$::journaling || $::stopping || $::refusing eq "" || $::stalled} return
-    catch {db eval {PRAGMA incremental_vacuum}}
+    catch {db eval "PRAGMA incremental_vacuum([expr {$::logPages / 2}])"}
     catch {db eval {PRAGMA wal_checkpoint(TRUNCATE)}}
     if {![catch make_reserve]} {
         set ::refusing ""
@@ -185,21 +214,24 @@ proc write_jobs {name numbers} {
         if {![info exists job($number)]} continue
         set id [expr {$base + $number}]
         set body $job($number)
+        incr ::written [string length $body]
         db eval {INSERT OR REPLACE INTO job VALUES($id, @body)}
     }
 }
 proc write_results {name kind numbers} {
     upvar #0 $kind:$name outcome
     if {![info exists ::low($name)]} return
+    # The results take the room of their jobs.
+    delete_rows job $name $numbers
+    delete_rows attempt $name $numbers
     set base [base $name]
     foreach number $numbers {
         if {![info exists outcome($number)]} continue
         set id [expr {$base + $number}]
         set body $outcome($number)
+        incr ::written [string length $body]
         db eval {INSERT OR REPLACE INTO result VALUES($id, $kind, @body)}
     }
-    delete_rows job $name $numbers
-    delete_rows attempt $name $numbers
 }
 proc write_attempt {name number made reason} {
     if {![info exists ::low($name)]} return

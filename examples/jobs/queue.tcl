@@ -52,12 +52,16 @@ set stopping 0
 
 proc post {socket route args} {lappend ::outbox [list $socket $route $args]}
 
-# Sends what is in the outbox.  A peer that is gone is found out here.
 proc send_outbox {} {
     foreach message [set ::outbox][set ::outbox {}] {
         lassign $message socket route frames
-        if {[catch {$socket send -nowait $route {*}$frames}]} {gone $route "its connection is gone"}
+        say $socket $route {*}$frames
     }
+}
+# Sends at once, as may be done with what promises nothing, whether the journal can be written
+# or not.  A peer that is gone is found out here.
+proc say {socket route args} {
+    if {[catch {$socket send -nowait $route {*}$args}]} {gone $route "its connection is gone"}
 }
 proc gone {route reason} {
     if {[info exists ::worker($route)]} {
@@ -87,7 +91,7 @@ proc take {kind socket route command frames} {
         unset -nocomplain ::asked($route)
         ${kind}_hello $route {*}$frames
     } elseif {$command eq "status"} {
-        post $socket $route status [to_bytes [status]]
+        say $socket $route status [to_bytes [status]]
     } elseif {[info exists ::quiet($route)]} {
         if {$command ne "beat"} {${kind}_$command $route {*}$frames}
     } elseif {![info exists ::asked($route)]} {
@@ -203,10 +207,7 @@ proc refuse_fresh {reason} {
     }
     array unset ::fresh
 }
-# This promises nothing, so it does not wait for the journal.
-proc refuse {route numbers reason} {
-    catch {$::submitters send -nowait $route refused $numbers [to_bytes $reason]}
-}
+proc refuse {route numbers reason} {say $::submitters $route refused $numbers [to_bytes $reason]}
 proc enqueue {name numbers} {
     if {$::next($name) >= [llength $::waiting($name)] && $name ni $::turns} {
         lappend ::turns $name
@@ -508,12 +509,12 @@ proc watch {} {
         if {[incr ::quiet($route)] * $::option(-beat) > $::option(-silence)} {
             gone $route "silent for $::option(-silence) ms"
         } elseif {[info exists ::worker($route)]} {
-            post $::workers $route beat
             set rate [expr {$::served($route) / $seconds}]
             set ::rate($route) [expr {0.7 * $::rate($route) + 0.3 * $rate}]
             set ::served($route) 0
+            say $::workers $route beat
         } else {
-            post $::submitters $route beat
+            say $::submitters $route beat
         }
     }
     journal_watch

@@ -28,8 +28,10 @@ set window 10000     ;# jobs without a result at most
 set windowBytes 16000000
 set number 0         ;# of the last line read
 set eof 0
-set bytes 0          ;# of the jobs without a result
+set unfinished 0     ;# jobs without a result: Tcl counts those of an array one by one
+set bytes 0          ;# of these
 set reading 0
+set forgetting 0     ;# the queue is asked to forget the name
 set status 0
 set refusal ""
 array set line {}    ;# number -> job without a result
@@ -41,7 +43,7 @@ proc finish {code} {
     ::qel::reactor stop
 }
 proc interrupt {signal} {
-    log "stopped by $signal, [array size ::line] jobs without a result: run again as -name $::option(-name)"
+    log "stopped by $signal, $::unfinished jobs without a result: run again as -name $::option(-name)"
     finish 1
 }
 
@@ -68,6 +70,7 @@ proc read_jobs {} {
         incr size $length
     }
     if {[llength $numbers]} {
+        incr ::unfinished [llength $numbers]
         incr ::bytes $size
         inform submit $numbers {*}$jobs
     }
@@ -76,12 +79,17 @@ proc read_jobs {} {
 }
 proc arrange {} {
     set want [expr {!$::eof && $::greeted && $::refusal eq ""
-        && [array size ::line] < $::window && $::bytes < $::windowBytes}]
+        && $::unfinished < $::window && $::bytes < $::windowBytes}]
     if {$want != $::reading} {
         set ::reading $want
         ::qel::reactor event stdin readable [expr {$want ? "read_jobs" : ""}]
     }
-    if {$::eof && $::greeted && ![array size ::line]} {inform forget}
+    if {$::eof && $::greeted && !$::unfinished} forget
+}
+# Once for each welcome: whatever follows it finds a queue that does not know us any more.
+proc forget {} {
+    if {!$::forgetting} {inform forget}
+    set ::forgetting 1
 }
 proc submit_again {numbers} {
     while {[llength $numbers]} {
@@ -103,7 +111,8 @@ proc hear_hello {version} {
     inform hello 1 submitter $::option(-name) $::token
 }
 proc welcomed {} {
-    if {$::option(-forget)} {return [inform forget]}
+    set ::forgetting 0
+    if {$::option(-forget)} {return [forget]}
     submit_again [lsort -integer [array names ::line]]
     arrange
 }
@@ -127,6 +136,7 @@ proc hear_refused {numbers reason} {
 proc settle {number} {
     upvar #0 line line
     if {[info exists line($number)]} {
+        incr ::unfinished -1
         incr ::bytes -[string length $line($number)]
         unset line($number)
         return 1
@@ -140,10 +150,11 @@ proc hear_finished {numbers} {
 }
 # What is written is written before it is acknowledged.
 proc hear_results {numbers args} {
-    upvar #0 line line bytes bytes
+    upvar #0 line line bytes bytes unfinished unfinished
     set text ""
     foreach number $numbers result $args {
         if {[info exists line($number)]} {
+            incr unfinished -1
             incr bytes -[string length $line($number)]
             unset line($number)
         } elseif {![settle $number]} continue
@@ -166,7 +177,11 @@ proc hear_dead {numbers args} {
     inform acknowledge $numbers
     arrange
 }
-proc hear_forgotten {} {finish [expr {$::dead > 0}]}
+# A question that came behind this one is left unanswered: the answer would enter the name again.
+proc hear_forgotten {} {
+    disconnect_queue 0
+    finish [expr {$::dead > 0}]
+}
 
 proc hear_status {text} {
     set status [from_bytes $text]
@@ -199,7 +214,7 @@ proc open_results {file} {
 }
 
 proc draw_progress {} {
-    set seen [expr {$::number - [array size ::line]}]
+    set seen [expr {$::number - $::unfinished}]
     set part [expr {double($seen) / max(1, $::number)}]
     catch {
         puts -nonewline stderr [format "\r\[%-40s\] %d of %d%s" \

@@ -164,7 +164,9 @@ proc stop {signal} {
     if {$::greeted} {inform bye}
 }
 proc hear_bye {} {
-    if {$::stopping} {::qel::reactor stop}
+    if {!$::stopping} return
+    disconnect_queue 0
+    ::qel::reactor stop
 }
 proc give_up {} {
     if {[array size ::open]} {

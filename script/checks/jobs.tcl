@@ -184,7 +184,7 @@ proc complete {round} {
 proc full_disk {} {
     if {!$::env(PARVO_MOUNTS)} {return "a full disk not checked: no right to mount"}
     file mkdir $::dir/disk
-    exec mount -t tmpfs -o size=20m none $::dir/disk
+    exec mount -t tmpfs -o size=25m none $::dir/disk
     set ::journal $::dir/disk/journal
     set ::jobs 12000
     write $::dir/in [string cat [join [lmap n [lrepeat $::jobs {}] {format disk-%d-%s [incr i] [string repeat x 1500]}] \n] \n]
