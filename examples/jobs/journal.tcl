@@ -99,7 +99,12 @@ proc recover {} {
         log "the journal holds $::unfinished jobs of [array size names] submitters;\
             [array size ::expected] workers may hold some of them"
     }
-    ::qel::reactor after $::option(-silence) {array unset expected; expect_no_more ""}
+    ::qel::reactor after $::option(-silence) expect_nobody
+    expect_no_more ""
+}
+proc expect_nobody {} {
+    foreach token [array names ::expected] {journal_worker $token 0}
+    array unset ::expected
     expect_no_more ""
 }
 # Recovered jobs are given out when every worker of before has said what it holds of them,

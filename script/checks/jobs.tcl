@@ -10,7 +10,7 @@ file mkdir $dir
 set silence 2000
 set started 0
 array set process {}      ;# name -> process number
-array set excused {}      ;# workers that were killed or paused
+array set excused {}      ;# workers that were killed or paused, and a submitter that was killed
 array set count {jobs 0 twice 0 TERM 0 KILL 0 STOP 0 queue 0 submit 0}
 
 proc random {n} {expr {int(rand() * $n)}}
@@ -87,6 +87,7 @@ proc disturb {} {
         }
         submit {
             if {rand() < 0.5} {
+                set ::excused(submit) 1
                 signal submit KILL
                 incr ::count(submit)
             }
@@ -160,7 +161,8 @@ proc disturbed {} {
             wait [random 300]
             if {![alive submit]} {
                 # One that has ended by itself has all its results, and its name is free.
-                if {[complete $round]} break
+                if {![info exists ::excused(submit)] && [complete $round]} break
+                unset -nocomplain ::excused(submit)
                 start_submit $round
             }
             if {[clock seconds] > $limit} {fail "round $round does not end\n[exec tail -n 20 $::dir/submit.log $::dir/queue.log]"}
