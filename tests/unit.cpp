@@ -19,13 +19,6 @@
 
 namespace {
 
-Tcl_Time at(long sec, long usec) {
-    Tcl_Time time;
-    time.sec = sec;
-    time.usec = usec;
-    return time;
-}
-
 /* An interpreter with the package, for tests that need the stubs. */
 Tcl_Interp* unit_interp() {
     static Tcl_Interp* interp = [] {
@@ -41,22 +34,16 @@ Tcl_Interp* unit_interp() {
 
 TEST(Clock, DifferenceForTimeout) {
     const struct {
-        Tcl_Time from;
-        Tcl_Time to;
+        Tcl_Time from, to;
         long ms;
     } rows[] = {
-        {at(10, 0), at(10, 400), 1},
-        {at(10, 0), at(10, 1999), 1},
-        {at(10, 0), at(10, 2000), 2},
-        {at(10, 999500), at(11, 0), 1},
-        {at(10, 0), at(11, 500), 1000},
-        {at(10, 0), at(10, 0), 0},
-        {at(11, 0), at(10, 999999), 0},
-        {at(0, 0), at(LONG_MAX / 1000 + 1, 0), LONG_MAX},
+        {{10, 0}, {10, 400}, 1},    {{10, 0}, {10, 1999}, 1},
+        {{10, 0}, {10, 2000}, 2},   {{10, 999500}, {11, 0}, 1},
+        {{10, 0}, {11, 500}, 1000}, {{10, 0}, {10, 0}, 0},
+        {{11, 0}, {10, 999999}, 0}, {{0, 0}, {LONG_MAX / 1000 + 1, 0}, LONG_MAX},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(diff_for_timeout(row.from, row.to), row.ms)
-            << row.from.sec << "." << row.from.usec << " to " << row.to.sec;
+    for (const auto& [from, to, ms] : rows) {
+        EXPECT_EQ(diff_for_timeout(from, to), ms) << from.usec << " to " << to.sec;
     }
 }
 
@@ -65,23 +52,22 @@ TEST(Clock, DueTime) {
         long ms;
         Tcl_Time due;
     } rows[] = {
-        {0, at(100, 500000)},
-        {499, at(100, 999000)},
-        {500, at(101, 0)},
-        {1499, at(101, 999000)},
-        {-1, at(100, 499000)},
-        {-501, at(99, 999000)},
-        {-1500, at(99, 0)},
-        {LONG_MAX, at(100 + LONG_MAX / 1000 + 1, 307000)},
-        {LONG_MIN, at(100 + LONG_MIN / 1000 - 1, 692000)},
+        {0, {100, 500000}},
+        {499, {100, 999000}},
+        {500, {101, 0}},
+        {1499, {101, 999000}},
+        {-1, {100, 499000}},
+        {-501, {99, 999000}},
+        {-1500, {99, 0}},
+        {LONG_MAX, {100 + LONG_MAX / 1000 + 1, 307000}},
+        {LONG_MIN, {100 + LONG_MIN / 1000 - 1, 692000}},
     };
-    for (const auto& row : rows) {
-        const Tcl_Time due = pv_clock_after(at(100, 500000), row.ms);
-        EXPECT_EQ(due.sec, row.due.sec) << row.ms;
-        EXPECT_EQ(due.usec, row.due.usec) << row.ms;
+    for (const auto& [ms, due] : rows) {
+        const Tcl_Time after = pv_clock_after({100, 500000}, ms);
+        EXPECT_EQ(after.sec, due.sec) << ms;
+        EXPECT_EQ(after.usec, due.usec) << ms;
     }
-    EXPECT_EQ(pv_clock_milliseconds(pv_clock_after(at(100, 500000), LONG_MAX)),
-              LONG_MAX);
+    EXPECT_EQ(pv_clock_milliseconds(pv_clock_after({100, 500000}, LONG_MAX)), LONG_MAX);
 }
 
 TEST(Stores, NothingIsSetUpWithoutAnInterpreter) {
@@ -101,10 +87,9 @@ TEST(Stores, ReportsWithoutAStoreGoToStandardError) {
     pv_bgerror_code(TCL_BREAK);
     pv_bgerror_msg("%s: %d%%", "percent", 5);
     const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(text.find("-- pv_bgerror_code: failed to get bgerror instance for error "
-                        "code 3\n"),
-              0U)
-        << text;
+    const std::string first = "-- pv_bgerror_code: failed to get bgerror instance for "
+                              "error code 3\n";
+    EXPECT_EQ(text.find(first), 0U) << text;
     EXPECT_NE(text.find("]:-:bgerror: percent: 5%"), std::string::npos) << text;
     EXPECT_NE(text.back(), '\n');
 }
@@ -126,40 +111,26 @@ TEST(Stores, OneSignalStoreAThread) {
     pv_event_unregister_fd(reactor, 12346, 1);
 }
 
-namespace {
-
-struct Outliving {
-    Tcl_Interp* interp = nullptr;
-    int code = TCL_OK;
-    std::string message;
-};
-
-/* Runs after the thread's sockets are closed, as it was registered before the first. */
-void use_after_close(ClientData clientData) {
-    auto* o = static_cast<Outliving*>(clientData);
-    o->code = Tcl_EvalEx(o->interp, "outliving recv", -1, TCL_EVAL_GLOBAL);
-    o->message = Tcl_GetStringResult(o->interp);
-    Tcl_DeleteInterp(o->interp);
-}
-
-} // namespace
-
 TEST(Sockets, CommandsThatOutliveTheirThreadsSocketsAreHarmless) {
     unit_interp();
-    Outliving o;
-    std::thread([&o] {
-        o.interp = Tcl_CreateInterp();
-        Parvo_Init(o.interp);
-        Tcl_EvalEx(o.interp, "::qel::reactor stop", -1, TCL_EVAL_GLOBAL);
-        Tcl_CreateThreadExitHandler(use_after_close, &o);
-        EXPECT_EQ(Tcl_EvalEx(o.interp,
-                             "::zmq::socket create outliving PULL\n"
-                             "::qel::reactor event outliving readable x",
-                             -1, TCL_EVAL_GLOBAL),
-                  TCL_OK)
-            << Tcl_GetStringResult(o.interp);
+    std::string message;
+    std::thread([&message] {
+        static thread_local Tcl_Interp* interp = Tcl_CreateInterp();
+        Parvo_Init(interp);
+        Tcl_EvalEx(interp, "::qel::reactor stop", -1, TCL_EVAL_GLOBAL);
+        // This runs after the sockets are closed, as it is registered before the first.
+        const auto use_after_close = [](ClientData result) {
+            EXPECT_EQ(Tcl_EvalEx(interp, "outliving recv", -1, TCL_EVAL_GLOBAL),
+                      TCL_ERROR);
+            *static_cast<std::string*>(result) = Tcl_GetStringResult(interp);
+            Tcl_DeleteInterp(interp);
+        };
+        Tcl_CreateThreadExitHandler(use_after_close, &message);
+        const char* script = "::zmq::socket create outliving PULL\n"
+                             "::qel::reactor event outliving readable x";
+        EXPECT_EQ(Tcl_EvalEx(interp, script, -1, TCL_EVAL_GLOBAL), TCL_OK)
+            << Tcl_GetStringResult(interp);
         Tcl_FinalizeThread();
     }).join();
-    EXPECT_EQ(o.code, TCL_ERROR);
-    EXPECT_EQ(o.message, "socket was closed when its thread ended");
+    EXPECT_EQ(message, "socket was closed when its thread ended");
 }
