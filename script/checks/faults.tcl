@@ -436,6 +436,23 @@ foreach {error text} {
     observe poll-$error zmq_poll $error {run_reactor 20} stderr_news \
         "TIME:-:reactor:error:\[[pid]\]:-: $text\n"
 }
+# The outer loop polls again when another has run inside a handler.
+proc nested {} {
+    set ::ran {}
+    set ::entered 0
+    new_pair
+    push send x
+    ::qel::reactor event push writable {
+        if {[incr ::entered] == 1} {::qel::reactor stop; ::qel::reactor start}
+    }
+    ::qel::reactor event pull readable {lappend ::ran [catch {pull recv -nowait}]; ::qel::reactor stop}
+    set guard [::qel::reactor after 20 {::qel::reactor stop}]
+    ::qel::reactor start
+    ::qel::reactor after cancel $guard
+    close_pair
+    if {1 in $::ran} {error "a handler ran without a message"}
+}
+observe poll-nested zmq_poll 4 nested {set ::ran} 0
 # Polls that are interrupted come without a pause.
 proc poll_errors {} {llength [split [string trim [stderr_news]] \n]}
 observe poll-interrupted zmq_poll 4 {run_reactor 50} {expr {[poll_errors] > 20}} 1 1
