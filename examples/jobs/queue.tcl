@@ -30,8 +30,9 @@ source [file join [file dirname [file normalize [info script]]] journal.tcl]
 #   guest(route)       name of a submitter
 #   quiet(route)       looks in a row without a message
 # Of a submitter, by name: route(name), "" while it is away; tokenOf(name); low(name), up to
-# which every number is acknowledged; top(name), the greatest number seen; waiting(name), its numbers not given out, of which the
-# first next(name) are gone already; suspects(name), see lose; and in arrays of its own
+# which every number is acknowledged; top(name), the greatest number seen; waiting(name), its
+# numbers not given out, of which the first next(name) are gone already; suspects(name), see
+# lose; and in arrays of its own
 #   job:NAME(number)     a job without a result
 #   given:NAME(number)   the route of the worker that holds it
 #   result:NAME(number), dead:NAME(number)   not acknowledged yet
