@@ -18,12 +18,7 @@ if {[info exists ::env(LD_PRELOAD)] && [string match *vgpreload* $::env(LD_PRELO
     lappend unblockable SIGILL SIGTRAP SIGBUS SIGFPE SIGSEGV
 }
 
-proc contents {path} {
-    set f [open $path]
-    set text [read $f]
-    close $f
-    return $text
-}
+proc contents {path} {return [read [set f [open $path]]][close $f]}
 
 # The signals in one mask of a file below /proc.
 proc mask_in {path label} {
@@ -37,13 +32,9 @@ proc mask_in {path label} {
     return $signals
 }
 
-proc mask {label} {
-    mask_in /proc/thread-self/status $label
-}
+proc mask {label} {mask_in /proc/thread-self/status $label}
 
-proc pending {} {
-    lsort -unique [concat [mask SigPnd] [mask ShdPnd]]
-}
+proc pending {} {lsort -unique [concat [mask SigPnd] [mask ShdPnd]]}
 
 # What is left of a list of signals without those of another.
 proc without {list others} {
@@ -109,16 +100,13 @@ proc spin {condition {end {}}} {
 # how it ended; the child must write nothing to standard error.
 proc isolated {script} {
     lassign [child "source [list $::kernel]\nproc failure script [list [info body failure]]
-        puts -nonewline \[apply {{} {\n$script\n}}]"] \
-        out err status
+        puts -nonewline \[apply {{} {\n$script\n}}]"] out err status
     if {$err ne ""} {error $err}
     expr {$status == 0 ? $out : $status}
 }
 
 set log {}
-proc note {args} {
-    lappend ::log [join $args]
-}
+proc note {args} {lappend ::log [join $args]}
 proc report {message {options {-code none}}} {
     note bgerror [dict get $options -code] $message
 }

@@ -9,8 +9,7 @@ encoding system utf-8
 set ::env(LC_ALL) C.UTF-8
 foreach channel {stdout stderr} {fconfigure $channel -encoding utf-8}
 
-set ::support(dir) [file normalize [file join \
-    [expr {[info exists ::env(TMPDIR)] ? $::env(TMPDIR) : "/tmp"}] \
+set ::support(dir) [file normalize [file join [expr {[info exists ::env(TMPDIR)] ? $::env(TMPDIR) : "/tmp"}] \
     parvo-[pid]-[clock microseconds]]]
 set ::support(root) [file dirname [file dirname [file normalize [info script]]]]
 file mkdir $::support(dir)
@@ -44,12 +43,6 @@ proc requires {what present} {
         exit 77
     }
 }
-
-# What differs between versions of libzmq, and of Tcl: whether bind takes names of hosts, a
-# character that is no byte makes an error of send, the error code of what is no integer.
-proc zmq_binds_names {} {package vsatisfies [::zmq::version] 4.3.5}
-proc tcl_refuses_wide {} {package vsatisfies [package provide Tcl] 9}
-proc tcl_no_integer {} {lindex [failure {string repeat x y}] 1}
 
 # Runs a script and gives its message and error code.
 proc failure {script} {
@@ -96,40 +89,26 @@ proc bound {type endpointName} {
 
 # Closes every socket of the thread that this interpreter knows; a failed test may have
 # left others in an interpreter of its own.
-proc close_all {} {
-    foreach s [::zmq::socket names] {catch {$s close}}
-}
+proc close_all {} {foreach s [::zmq::socket names] {catch {$s close}}}
 
 # The text of a file.
-proc file_text {path} {
-    set f [open $path]
-    set text [read $f]
-    close $f
-    return $text
-}
+proc file_text {path} {return [read [set f [open $path]]][close $f]}
 # The version of the package, which CMake knows.
 regexp {project\(\w+ VERSION ([\d.]+)} [file_text [file join $::support(root) CMakeLists.txt]] -> ::support(version)
 
 # Runs a script in a tclsh of its own, with the package loaded; gives what it wrote to
 # standard output and error and its exit status, or the signal that ended it.
 proc child {script} {
-    set file [makeFile "encoding system utf-8\npackage require zmq\n$script" \
-        child-[clock microseconds].tcl [scratch]]
+    set file [makeFile "encoding system utf-8\npackage require zmq\n$script" child-[clock microseconds].tcl [scratch]]
     set status 0
     if {[catch {exec -keepnewline timeout -s KILL 100 [info nameofexecutable] $file 2>$file.err} out options]} {
-        set code [dict get $options -errorcode]
-        set status [lindex $code 2]
+        set status [lindex [dict get $options -errorcode] 2]
         set out [regsub {\n?child (process exited abnormally|killed: [^\n]*)\n?$} $out {}]
     }
     set err [file_text $file.err]
     removeFile [file tail $file] [scratch]
     file delete $file.err
     list $out $err $status
-}
-
-# The same with so many descriptors at most, ZeroMQ's own included.
-proc limited {descriptors script} {
-    child "exec prlimit --pid \[pid] --nofile=$descriptors\n$script"
 }
 
 # Evaluates a script in the reactor's interpreter and runs the loop until it is

@@ -38,7 +38,7 @@ run() {
     local under=(env LD_PRELOAD="$preload" LD_LIBRARY_PATH="$search" PARVO_SANITIZED=1
         ASAN_OPTIONS=detect_leaks=0:exitcode=99
         UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:exitcode=99
-        TSAN_OPTIONS="exitcode=99:suppressions='$top/tests/tsan.supp'" "${prefix[@]}")
+        TSAN_OPTIONS="exitcode=99:suppressions='$top/script/checks/tsan.supp'" "${prefix[@]}")
     tcl "$@"
 }
 prefix=()
