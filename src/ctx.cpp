@@ -2,9 +2,10 @@
  * ctx.cpp -- the default ZeroMQ context.
  *
  * mutexForCtx guards both fields of global and is held for each whole operation,
- * debug lines and termination included.  Only the first look of pv_ctx_default_new
- * goes without it, which is why the handle is atomic.  The context is terminated
- * only while no socket is counted, and a terminated handle is never kept.
+ * debug lines and termination included.  The first look of pv_ctx_default_new goes
+ * without it, which is why the handle is atomic, and so does the line that ends
+ * pv_ctx_default_destroy, written also where sockets keep the context.  The context is
+ * terminated only while no socket is counted, and a terminated handle is never kept.
  */
 #include "ctx.h"
 

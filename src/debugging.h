@@ -31,16 +31,17 @@ bool debugging();
 void debugging_reset();
 
 /*
- * Writes one line, whether or not the log is on.  fn: the calling function's name.
- * fmt and what follows: the message, as printf takes them.  A log file that cannot
- * be opened is no error: the line goes to standard error.
+ * Writes one line, whether or not the log is on.  fn: the name of the operation, which
+ * stays when a function is renamed: people search logs for it.  fmt and what follows:
+ * the message, as printf takes them.  A log file that cannot be opened is no error: the
+ * line goes to standard error.
  */
 void log_output(const char* fn, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
 
 /*
- * Writes a line if the log is on; otherwise nothing of it is evaluated.  fn: the name
- * of the operation that the line shows.
+ * Writes a line if the log is on; otherwise nothing of it is evaluated.  fn: as for
+ * log_output.
  */
 #define DEBUG_LINE(fn, ...)                                                            \
     do {                                                                               \

@@ -62,7 +62,10 @@ Tcl_Obj* pv_reactor_item_name(const PVReactor* r, int position);
  */
 int pv_event_register_fd(PVReactor* r, int fd, short event);
 
-/* Takes a descriptor out of the table; nothing happens when it is not entered. */
+/*
+ * Takes a descriptor out of the table, whatever event says, as it has no scripts;
+ * nothing happens when it is not entered.
+ */
 void pv_event_unregister_fd(PVReactor* r, int fd, short event);
 
 /*

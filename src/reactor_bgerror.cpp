@@ -46,13 +46,15 @@ proc ::qel::LogHeaderProgram {} {
     }
 }
 )tcl";
-static_assert(sizeof defaultScript - 1 == 388, "the script as it is documented");
+static_assert(sizeof defaultScript - 1 == 388,
+              "to change it takes two places, on purpose");
 
 /* The presence check, around the prefix; a longer script goes unchecked. */
 constexpr char checkHead[] = "expr {[llength [info commands [lindex {";
 constexpr char checkTail[] = "} 0]]] == 1}";
-constexpr size_t checkMax = 1023; // characters
-static_assert(sizeof checkHead + sizeof checkTail - 2 == 51, "the fixed part");
+constexpr size_t checkMax = 1023; // bytes
+static_assert(sizeof checkHead + sizeof checkTail - 2 == 51,
+              "972 bytes are left for a prefix");
 
 Tcl_ThreadDataKey dataKey;
 

@@ -119,6 +119,7 @@ struct ReactorRow : CommandRow<PVReactor> {
     bool reportsToOwner; // leaves results in the reactor's interpreter
 };
 
+// The usage texts are part of messages, which stay as they are.
 constexpr ReactorRow subcommands[] = {
     {{"timeout", 2, 3, "?timeout?", reactor_timeout}, false},
     {{"bgerror", 2, 3, "?cmdPrefix?", reactor_bgerror}, true},

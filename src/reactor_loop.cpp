@@ -145,6 +145,7 @@ void pv_reactor_dispatch(Pass* pass) {
     }
 }
 
+/* The texts stay letter by letter, as whoever watches a log searches for them. */
 void pv_reactor_poll_error(int error) {
     char now[timestampMax];
     const char* what = "some poll error";

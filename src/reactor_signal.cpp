@@ -218,7 +218,10 @@ static_assert(table_ends(signal_words));
 
 // The delivery.
 
-/* Runs the trap command of a signal with the signal's name as its last word. */
+/*
+ * Runs the trap command of a signal with Tcl's name of it as its last word, or words:
+ * Tcl calls SIGSTKFLT "unknown signal".
+ */
 void pv_signal_dispatch_handler(const PVSignal* s, int sig) {
     if (sig < 1 || sig > signalMax || s->handler[sig] == nullptr) {
         return;

@@ -2,7 +2,8 @@
  * reactor_signal_catalogue.cpp -- names and numbers of signals.
  *
  * A number's first row gives its name in every output; further rows of the number are
- * accepted as input only.  Adding a signal is one row.
+ * accepted as input only.  A further name is one row; numbers end at
+ * signalMax, the size of the records.
  */
 #include "reactor_signal_catalogue.h"
 

@@ -24,7 +24,7 @@
 namespace {
 
 constexpr long defaultTimeout = 5000; // milliseconds
-constexpr long nearlyDue = 1000;      // microseconds: the shortest wait of a poll
+constexpr long nearlyDue = 1000;      // microseconds; so short a wait is made in full
 constexpr char idPrefix[] = "after#";
 constexpr size_t idPrefixLength = sizeof idPrefix - 1;
 constexpr size_t idMax = 32;  // bytes of an id with a 64-bit number

@@ -53,7 +53,7 @@ struct PVSockets {
 
 Tcl_ThreadDataKey dataKey;
 
-constexpr int nameMax = 37; // bytes of a generated name with a 64-bit number
+constexpr int nameMax = 37; // bytes; a generated name with a 64-bit number has 33
 
 int pv_socket_type_code(const char* arg) {
     for (const pv_socket_type* row = socket_types; row->name != nullptr; row++) {

@@ -22,7 +22,10 @@ namespace {
 /* What configure may do with an option: bits. */
 enum Access { read_only = 1, write_only = 2, read_write = read_only | write_only };
 
-/* Kinds of values; each has a row in converters, in this order. */
+/*
+ * Kinds of values; each has a row in converters, in this order.  ZO_Z85 is for options
+ * whose value is a key; no row of the table is one, as keys are set in pairs.
+ */
 enum zo_types { ZO_NONE, ZO_INT, ZO_I64, ZO_U64, ZO_BIN, ZO_STR, ZO_Z85 };
 
 struct PVSockOpt {

@@ -155,7 +155,7 @@ proc all_cases {} {
     foreach held {0 1} {
         foreach ending [dict keys $::endings] {
             foreach place [dict keys $::places] {
-                set one [lindex $types [expr {(7 * [incr number] + $number / 12) % 12}]]
+                set one [lindex $types [expr {(7 * [incr number] + $number / 12) % [llength $types]}]]
                 foreach type [expr {$::form eq "quick" ? [list $one] : $types}] {
                     lappend cases [list $type $held $ending $place]
                 }

@@ -145,7 +145,6 @@ set ok {{} ok}
 
 set create {{} {::zmq::socket create s PUSH} {catch {s close}}}
 set recvWith {{new_pair; push send a bb ccc; push send next} {pull recv -nowait} close_pair}
-set configured {{::zmq::socket create s SUB} {s configure %s} {s close}}
 set trap {{::qel::reactor signal trap USR1 a} {::qel::reactor signal trap USR2 b} signals_default}
 set untrap {{::qel::reactor signal trap USR1 a; ::qel::reactor signal trap USR2 b}
     {::qel::reactor signal default USR2} signals_default}
@@ -191,7 +190,7 @@ foreach {function calls} {malloc 1 strdup 1 zmq_socket 2 zmq_bind 1 zmq_connect 
     if {$function eq "malloc" && [string match *vgpreload* $::env(LD_PRELOAD)]} continue
     lappend rows monitor $function 22 $monitor [lrepeat $calls [list $noMonitor {ZMQ MONITOR START}]] $both
 }
-foreach {method done} {bind bind unbind unbind connect connect disconnect disconnect} {
+foreach method {bind unbind connect disconnect} {
     set undo [dict get {unbind bind disconnect connect bind bind connect connect} $method]
     set setup [expr {$undo eq $method ? "::zmq::socket create s PUSH"
         : "::zmq::socket create s PUSH; s $undo ipc://$::work/ipc"}]
