@@ -23,8 +23,8 @@ void pv_timer_running(PVTimer* s, bool running);
 
 /*
  * How long zmq_poll may wait, in milliseconds: until the first task is due, no longer
- * than the timeout setting (but 1 for a task due in less); negative without limit; 0
- * while the store does not run.
+ * than the timeout setting (but 1 for a task due within a millisecond); negative
+ * without limit; 0 while the store does not run.
  */
 long pv_schedule_timeout(const PVTimer* s);
 
